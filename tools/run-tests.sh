@@ -1,0 +1,96 @@
+#!/usr/bin/env bash
+# The whole test suite: formatting, native tests under AddressSanitizer and
+# UndefinedBehaviorSanitizer, the 32-bit ARM cross build with its tests under qemu, an installed
+# package used by a separate project and through pkg-config, and the benchmark build.
+# Runs every stage, prints a summary, and exits non-zero if any stage failed.
+set -uo pipefail
+cd "$(dirname "$0")/.."
+source tools/common.sh
+
+utl_require_packages cmake ninja-build g++ make pkg-config libgtest-dev googletest \
+    libbenchmark-dev g++-arm-linux-gnueabihf qemu-user clang-format || exit 1
+
+jobs=$(utl_jobs)
+results=()
+failed=0
+
+stage() {
+    local name=$1
+    shift
+    echo
+    echo "== $name"
+    local start=$SECONDS
+    if "$@"; then
+        results+=("PASS  $name ($((SECONDS - start)) s)")
+    else
+        results+=("FAIL  $name ($((SECONDS - start)) s)")
+        failed=1
+    fi
+}
+
+sources() {
+    git ls-files --cached --others --exclude-standard -- '*.h' '*.cpp' 2>/dev/null ||
+        find include source tests bench examples tools -name '*.h' -o -name '*.cpp'
+}
+
+check_format() {
+    sources | xargs clang-format --dry-run -Werror
+}
+
+build_and_test() {
+    local dir=$1
+    shift
+    rm -rf "$dir/test-results"
+    cmake -S . -B "$dir" -G Ninja -DUTL_WERROR=ON -DUTL_BUILD_TESTS=ON "$@" >/dev/null &&
+        cmake --build "$dir" -j "$jobs" &&
+        ctest --test-dir "$dir" --output-on-failure -j "$jobs"
+}
+
+# Adds up one attribute of the GoogleTest reports of every test stage.
+sum_reports() {
+    cat build/*/test-results/*.xml 2>/dev/null | grep -o "<testsuites [^>]*" |
+        sed -n "s/.* $1=\"\([0-9]*\)\".*/\1/p" | awk '{ n += $1 } END { print n + 0 }'
+}
+
+native_sanitized() {
+    build_and_test build/asan -DCMAKE_BUILD_TYPE=Debug -DUTL_SANITIZE=address,undefined
+}
+
+arm_under_qemu() {
+    build_and_test build/arm -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_SHARED_LIBS=OFF \
+        --toolchain cmake/arm-linux-gnueabihf.cmake
+}
+
+# Release build with the benchmarks, installed into a temporary prefix that a separate project
+# (examples/) and a pkg-config compile then use.
+installed_package() {
+    local prefix
+    prefix=$(mktemp -d) || return 1
+    cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DUTL_WERROR=ON \
+        -DUTL_BUILD_TESTS=OFF -DUTL_BUILD_BENCHMARKS=ON -DCMAKE_INSTALL_PREFIX="$prefix" >/dev/null &&
+        cmake --build build/release -j "$jobs" &&
+        cmake --install build/release >/dev/null &&
+        cmake -S examples -B build/examples -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null &&
+        cmake --build build/examples &&
+        build/examples/utl_tour &&
+        PKG_CONFIG_PATH="$prefix/lib/pkgconfig" g++ -std=c++17 -o build/examples/utl_tour_pc \
+            examples/tour.cpp $(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --cflags --libs utl) \
+            -Wl,-rpath,"$prefix/lib" &&
+        build/examples/utl_tour_pc >/dev/null
+    local status=$?
+    rm -rf "$prefix"
+    return $status
+}
+
+stage "format" check_format
+stage "native tests (AddressSanitizer, UndefinedBehaviorSanitizer)" native_sanitized
+stage "32-bit ARM tests under qemu-arm" arm_under_qemu
+stage "installed package, example, pkg-config, benchmarks" installed_package
+
+echo
+echo "== Summary"
+printf '%s\n' "${results[@]}"
+cases=$(sum_reports tests)
+broken=$(($(sum_reports failures) + $(sum_reports errors)))
+echo "tests: $((cases - broken)) passed, $broken failed"
+exit $failed
