@@ -135,18 +135,18 @@ inline unsigned int searchPosition(const K& key, const T* items, unsigned int co
         return 0;
     }
     // A lower bound by halving a window whose first element is the answer or lies below the
-    // key. On sorted items it finds the first equal key without a separate step back, with one
-    // comparison per step.
-    const T* base = items;
+    // key; on sorted items that is the first equal key. The step is a select, not a branch, so
+    // that it compiles to a conditional move: on random keys a mispredicted branch costs several
+    // times a whole step over the short arrays this library keeps.
+    std::size_t first = 0;
     std::size_t length = count;
     while (length > 1) {
         const std::size_t half = length / 2;
-        if (cmp(base[half - 1], key)) {
-            base += half;
-        }
+        const std::size_t next = first + half;
+        first = cmp(items[next - 1], key) ? next : first;
         length -= half;
     }
-    return static_cast<unsigned int>(base - items) + (cmp(*base, key) ? 1u : 0u);
+    return static_cast<unsigned int>(first + (cmp(items[first], key) ? 1 : 0));
 }
 
 // The first item whose key equals `key`, or null (also for count 0 and the errors of

@@ -3,281 +3,104 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <deque>
-#include <new>
 #include <random>
-#include <vector>
 
 namespace {
 
-// An element that counts how it is made and assigned, so tests can see that storage is made once
-// and that refused operations touch nothing.
+// Counts how elements are made and assigned, so tests see what storage and refusals touch.
 struct Counted {
-    static int constructions;
-    static int assignments;
+    static inline int constructions = 0, assignments = 0;
 
-    Counted() : value(-1) { ++constructions; }
-    Counted(int v) : value(v) { ++constructions; }
+    Counted(int v = -1) : value(v) { ++constructions; }
     Counted(const Counted& other) : value(other.value) { ++constructions; }
     Counted& operator=(const Counted& other) {
         value = other.value;
         ++assignments;
         return *this;
     }
-    virtual ~Counted() = default;
 
     int value;
 };
 
-int Counted::constructions = 0;
-int Counted::assignments = 0;
-
-void resetCounters() {
-    Counted::constructions = 0;
-    Counted::assignments = 0;
-}
-
-// An element whose array allocations are counted and always fail.
-struct Starved {
-    static int requests;
-
-    static void* operator new[](std::size_t, const std::nothrow_t&) noexcept {
-        ++requests;
-        return nullptr;
-    }
-    static void operator delete[](void* p) noexcept { ::operator delete[](p); }
-    int value = 0;
-};
-
-int Starved::requests = 0;
-
-using Ring = utl::RingArray<Counted>;
-
-std::vector<int> valuesOf(const Ring& ring) {
-    std::vector<int> values;
-    for (unsigned int i = 0; i < ring.getCount(); ++i) {
-        values.push_back(ring.at(i).value);
-    }
-    return values;
-}
-
-// Pushes and pops `steps` elements so that the head ends at physical index steps % capacity,
-// then pushes `values`. Returns the address of physical index 0.
-const Counted* arrange(Ring& ring, unsigned int steps, const std::vector<int>& values) {
-    EXPECT_TRUE(ring.push(Counted(0)));
-    const Counted* base = &ring.at(0);
-    ring.reset();
-    for (unsigned int i = 0; i < steps; ++i) {
-        EXPECT_TRUE(ring.push(Counted(0)));
-        EXPECT_TRUE(ring.pop());
-    }
-    for (int v : values) {
-        EXPECT_TRUE(ring.push(Counted(v)));
-    }
-    return base;
-}
-
-TEST(RingArrayTest, RingOfCapacityZeroConstructsNothingAndRefusesEveryPush) {
-    Counted one(1);
-    resetCounters();
-    Ring ring(0);
+// A queue of capacity 0 constructs no element, and a refused push or pushBlock assigns none.
+TEST(QueueTest, RefusedPushesConstructAndAssignNothing) {
+    const Counted block[2] = {4, 5};
+    Counted::constructions = Counted::assignments = 0;
+    utl::Queue<Counted> none(0);
     EXPECT_EQ(Counted::constructions, 0);
-    EXPECT_TRUE(ring.isEmpty());
-    EXPECT_FALSE(ring.push(one));
-    EXPECT_FALSE(ring.pushBlock(&one, 1));
-    EXPECT_TRUE(ring.pushBlock(nullptr, 0));
-    EXPECT_FALSE(ring.pop());
-    EXPECT_EQ(ring.getCount(), 0u);
-    EXPECT_EQ(Counted::assignments, 0);
+    EXPECT_FALSE(none.push(block[0]));
+    EXPECT_FALSE(none.pushBlock(block, 1));
+    EXPECT_TRUE(none.pushBlock(nullptr, 0));
+    utl::Queue<Counted> queue(4);
+    ASSERT_TRUE(queue.pushBlock(block, 2));
+    ASSERT_TRUE(queue.pop());
+    ASSERT_TRUE(queue.pushBlock(block, 2));  // 5, 4, 5 in slots 1 to 3: the next one wraps
+    EXPECT_FALSE(queue.pushBlock(block, 2));
+    EXPECT_FALSE(queue.pushBlock(nullptr, 1));
+    EXPECT_TRUE(queue.push(block[0]));
+    EXPECT_FALSE(queue.push(block[1]));
+    EXPECT_EQ(Counted::assignments, 5);  // one per accepted element
 }
 
-// Capacities that the signed head cannot index never reach the allocator; a failed allocation
-// leaves capacity 0 like they do.
-TEST(RingArrayTest, UnusableCapacityLeavesARingOfCapacityZero) {
-    for (unsigned int capacity : {0x80000000u, 0xFFFFFFFFu, 8u}) {
-        SCOPED_TRACE(capacity);
-        Starved::requests = 0;
-        utl::RingArray<Starved> ring(capacity);
-        EXPECT_EQ(Starved::requests, capacity == 8u ? 1 : 0);
-        EXPECT_EQ(ring.getCapacity(), 0u);
-        EXPECT_FALSE(ring.push(Starved()));
-    }
+// Erasing the front shifts the rest down and leaves the head in its slot; reset moves it to slot 0.
+TEST(QueueTest, EraseAtFrontKeepsTheHeadInPlace) {
+    const int values[] = {0, 1, 2, 3, 4, 5, 6};
+    utl::Queue<int> queue(5);
+    ASSERT_TRUE(queue.pushBlock(values, 4));
+    const int* first = &queue.at(0);
+    ASSERT_TRUE(queue.pop() && queue.pop() && queue.pop());
+    ASSERT_TRUE(queue.pushBlock(values + 4, 3));  // 3, 4, 5, 6 in slots 3, 4, 0, 1
+    EXPECT_TRUE(queue.eraseAt(0));
+    EXPECT_EQ(&queue.at(0), first + 3);
+    EXPECT_EQ(queue.peek(), 4);
+    queue.reset();
+    queue.push(7);
+    EXPECT_EQ(&queue.peek(), first);
 }
 
-TEST(RingArrayTest, RefusedPushesAssignNothing) {
-    Ring ring(4);
-    arrange(ring, 2, {1, 2, 3});
-    Counted block[2] = {Counted(4), Counted(5)};
-    resetCounters();
-    EXPECT_FALSE(ring.pushBlock(block, 2));
-    EXPECT_FALSE(ring.pushBlock(nullptr, 1));
-    EXPECT_EQ(Counted::assignments, 0);
-    EXPECT_TRUE(ring.pushBlock(block, 1));
-    EXPECT_TRUE(ring.isFull());
-    EXPECT_FALSE(ring.push(block[1]));
-    EXPECT_EQ(Counted::assignments, 1);
-    EXPECT_EQ(valuesOf(ring), (std::vector<int>{1, 2, 3, 4}));
-}
-
-TEST(RingArrayTest, LogicalPositionsWrapPastTheLastSlot) {
-    Ring ring(4);
-    const Counted* base = arrange(ring, 3, {20, 21, 22, 23});
-    const std::vector<std::ptrdiff_t> physical = {3, 0, 1, 2};
-    for (unsigned int i = 0; i < physical.size(); ++i) {
-        SCOPED_TRACE(i);
-        EXPECT_EQ(&ring.at(i) - base, physical[i]);
-        EXPECT_EQ(ring.at(i).value, static_cast<int>(20 + i));
-    }
-}
-
-TEST(RingArrayTest, EraseAtFrontShiftsLaterElementsAndKeepsHead) {
-    Ring ring(5);
-    arrange(ring, 3, {1, 2, 3, 4});
-    const Counted* front = &ring.at(0);
-    resetCounters();
-    EXPECT_TRUE(ring.eraseAt(0));
-    EXPECT_EQ(Counted::assignments, 3);
-    EXPECT_EQ(&ring.at(0), front);
-    EXPECT_TRUE(ring.push(Counted(5)));
-    EXPECT_EQ(valuesOf(ring), (std::vector<int>{2, 3, 4, 5}));
-}
-
-TEST(RingArrayTest, EraseAtLastOnlyDropsItAndPastTheEndIsRefused) {
-    Ring ring(4);
-    arrange(ring, 3, {1, 2, 3});
-    resetCounters();
-    EXPECT_FALSE(ring.eraseAt(3));
-    EXPECT_TRUE(ring.eraseAt(2));
-    EXPECT_EQ(Counted::assignments, 0);
-    EXPECT_EQ(valuesOf(ring), (std::vector<int>{1, 2}));
-}
-
-TEST(RingArrayTest, EraseRunIsCutToTheEndAndKeepsHead) {
-    struct Case {
-        unsigned int k, n, removed;
-        int assignments;
-        std::vector<int> left;
-    };
-    const std::vector<Case> cases = {
-        {1, 2, 2, 3, {1, 4, 5, 6}},       {0, 1, 1, 5, {2, 3, 4, 5, 6}},
-        {4, 10, 2, 0, {1, 2, 3, 4}},      {0, 6, 6, 0, {}},
-        {6, 1, 0, 0, {1, 2, 3, 4, 5, 6}}, {2, 0, 0, 0, {1, 2, 3, 4, 5, 6}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << "k " << c.k << " n " << c.n);
-        Ring ring(8);
-        const Counted* base = arrange(ring, 5, {1, 2, 3, 4, 5, 6});
-        resetCounters();
-        EXPECT_EQ(ring.eraseRun(c.k, c.n), c.removed);
-        EXPECT_EQ(Counted::assignments, c.assignments);
-        EXPECT_EQ(valuesOf(ring), c.left);
-        ASSERT_TRUE(ring.push(Counted(9)));
-        EXPECT_EQ(&ring.at(0) - base, 5);
-    }
-}
-
-TEST(RingArrayTest, RemoveLastTakesBackOnlyPushedElements) {
-    Ring ring(4);
-    arrange(ring, 3, {1, 2, 3});
-    EXPECT_FALSE(ring.removeLast(0));
-    EXPECT_FALSE(ring.removeLast(4));
-    EXPECT_TRUE(ring.removeLast(2));
-    EXPECT_TRUE(ring.push(Counted(9)));
-    EXPECT_EQ(valuesOf(ring), (std::vector<int>{1, 9}));
-}
-
-TEST(RingArrayTest, ResetAfterWrapAroundRestartsAtTheFirstSlot) {
-    Ring ring(3);
-    const Counted* base = arrange(ring, 5, {1, 2});
-    ring.reset();
-    EXPECT_TRUE(ring.isEmpty());
-    EXPECT_FALSE(ring.pop());
-    EXPECT_TRUE(ring.push(Counted(7)));
-    EXPECT_EQ(&ring.peek(), base);
-    EXPECT_EQ(ring.peek().value, 7);
-}
-
-// Mixes every operation at random (seeded) on a small queue and compares it to a deque after
-// each step; the many pops carry the head around the buffer hundreds of times.
+// Every operation at random (seeded) on a small queue, compared with a deque after each step;
+// the pops carry the head around the buffer hundreds of times between the rare resets.
 TEST(QueueTest, MatchesDequeModelThroughManyWrapArounds) {
     constexpr unsigned int capacity = 7;
     utl::Queue<unsigned char> queue(capacity);
     std::deque<unsigned char> model;
     std::mt19937 random(12345);
-    auto below = [&random](unsigned int bound) { return random() % bound; };
-    unsigned char next = 0;
+    unsigned char next = 0, out = 0, block[capacity + 1];
     unsigned int pops = 0;
     for (int step = 0; step < 20000; ++step) {
         SCOPED_TRACE(step);
-        const unsigned int size = static_cast<unsigned int>(model.size());
-        switch (below(8)) {
-            case 0:
-            case 1:
-                EXPECT_EQ(queue.push(next), size < capacity);
-                if (size < capacity) {
-                    model.push_back(next);
-                }
-                ++next;
-                break;
-            case 2:
-            case 3: {
-                const bool withOut = below(2) == 0;
-                unsigned char out = 0;
-                const bool popped = withOut ? queue.pop(&out) : queue.pop();
-                ASSERT_EQ(popped, size > 0);
-                if (popped) {
-                    if (withOut) {
-                        EXPECT_EQ(out, model.front());
-                    }
-                    model.pop_front();
-                    ++pops;
-                }
-                break;
-            }
-            case 4: {
-                const unsigned int k = below(size + 1);
-                EXPECT_EQ(queue.eraseAt(k), k < size);
-                if (k < size) {
-                    model.erase(model.begin() + k);
-                }
-                break;
-            }
-            case 5: {
-                const unsigned int k = below(size + 1);
-                const unsigned int n = below(capacity + 1);
-                const unsigned int removed = k < size ? std::min(n, size - k) : 0;
-                EXPECT_EQ(queue.eraseRun(k, n), removed);
-                model.erase(model.begin() + k, model.begin() + k + removed);
-                break;
-            }
-            case 6: {
-                const unsigned int n = below(size + 2);
-                EXPECT_EQ(queue.removeLast(n), n > 0 && n <= size);
-                if (n > 0 && n <= size) {
-                    model.resize(size - n);
-                }
-                break;
-            }
-            default: {
-                unsigned char block[capacity + 1];
-                const unsigned int n = below(capacity + 2);
-                for (unsigned int i = 0; i < n; ++i) {
-                    block[i] = next++;
-                }
-                EXPECT_EQ(queue.pushBlock(block, n), n <= capacity - size);
-                if (n <= capacity - size) {
-                    model.insert(model.end(), block, block + n);
-                }
-                break;
-            }
+        const unsigned int size = static_cast<unsigned int>(model.size()), roll = random() % 128;
+        const unsigned int k = random() % (size + 1), n = random() % (capacity + 2);
+        if (roll < 40) {
+            ASSERT_EQ(queue.push(next), size < capacity);
+            model.insert(model.end(), size < capacity ? 1 : 0, next++);
+        } else if (roll < 80) {
+            ASSERT_EQ(queue.pop(n % 2 == 0 ? &out : nullptr), size > 0);
+            ASSERT_TRUE(size == 0 || n % 2 != 0 || out == model.front());
+            pops += size > 0 ? 1 : 0;
+            model.erase(model.begin(), model.begin() + std::min(size, 1u));
+        } else if (roll < 95) {
+            ASSERT_EQ(queue.eraseAt(k), k < size);
+            model.erase(model.begin() + k, model.begin() + std::min(k + 1, size));
+        } else if (roll < 105) {
+            const unsigned int erased = k < size ? std::min(n, size - k) : 0;
+            ASSERT_EQ(queue.eraseRun(k, n), erased);
+            model.erase(model.begin() + k, model.begin() + k + erased);
+        } else if (roll < 115) {
+            ASSERT_EQ(queue.removeLast(n), n > 0 && n <= size);
+            model.resize(n > 0 && n <= size ? size - n : size);
+        } else if (roll == 115) {
+            queue.reset();
+            model.clear();
+        } else {
+            std::generate(block, block + n, [&next] { return next++; });
+            ASSERT_EQ(queue.pushBlock(block, n), n <= capacity - size);
+            model.insert(model.end(), block, block + (n <= capacity - size ? n : 0));
         }
         ASSERT_EQ(queue.getCount(), model.size());
         for (unsigned int i = 0; i < model.size(); ++i) {
             ASSERT_EQ(queue.at(i), model[i]) << "at " << i;
-        }
-        if (!model.empty()) {
-            EXPECT_EQ(queue.peek(), model.front());
         }
     }
     EXPECT_GT(pops, 100 * capacity);

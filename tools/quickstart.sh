@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 source tools/common.sh
 
-utl_require_packages cmake ninja-build g++ make
+utl_require_packages cmake ninja-build g++
 build=build/quickstart
 cmake -S . -B "$build/utl" -G Ninja -DCMAKE_BUILD_TYPE=Release -DUTL_BUILD_TESTS=OFF \
     -DCMAKE_INSTALL_PREFIX="$PWD/$build/prefix"
