@@ -74,10 +74,18 @@ class BitStream {
 
     // Read `bits` bits (at most the width of the result type) into the low bits of the result;
     // 0 on any failure, with the error flag set as described above.
-    unsigned char readBitToUint8(unsigned int bits, int bitOffset = -1);
-    unsigned short readBitToUint16(unsigned int bits, int bitOffset = -1);
-    unsigned int readBitToUint32(unsigned int bits, int bitOffset = -1);
-    unsigned long long readBitToUint64(unsigned int bits, int bitOffset = -1);
+    unsigned char readBitToUint8(unsigned int bits, int bitOffset = -1) {
+        return static_cast<unsigned char>(readField(bits, bitOffset, 8));
+    }
+    unsigned short readBitToUint16(unsigned int bits, int bitOffset = -1) {
+        return static_cast<unsigned short>(readField(bits, bitOffset, 16));
+    }
+    unsigned int readBitToUint32(unsigned int bits, int bitOffset = -1) {
+        return static_cast<unsigned int>(readField(bits, bitOffset, 32));
+    }
+    unsigned long long readBitToUint64(unsigned int bits, int bitOffset = -1) {
+        return readField(bits, bitOffset, 64);
+    }
 
     // Write the low `bits` bits of `value` (at most the width of its type), most significant
     // first; higher bits of `value` are ignored. On failure nothing is written.
@@ -113,8 +121,40 @@ class BitStream {
     bool beginTransfer(unsigned int bits, int bitOffset, unsigned int maxBits, uint32_t* start);
     void endRead(int bitOffset, uint32_t end);
     void endWrite(int bitOffset, uint32_t end);
-    void moveTo(uint32_t position);
-    uint64_t readField(unsigned int bits, int bitOffset, unsigned int width);
+    void moveTo(uint32_t position) {
+        mPosition = position;
+        if (position > mBitSize) {
+            mBitSize = position;
+        }
+    }
+
+    // Eight bytes as one big-endian number; compilers turn the loop into a load and a swap.
+    static uint64_t loadBigEndian64(const unsigned char* bytes) {
+        uint64_t window = 0;
+        for (unsigned int i = 0; i < 8; ++i) {
+            window = (window << 8) | bytes[i];
+        }
+        return window;
+    }
+
+    // A read at the position with nine bytes of buffer ahead is the common case, done inline
+    // with one load; every other read, and every refusal, goes through readFieldChecked.
+    uint64_t readField(unsigned int bits, int bitOffset, unsigned int width) {
+        const uint32_t start = mPosition;
+        const uint32_t byte = start / 8;
+        if (bitOffset != -1 || mError || bits - 1 >= width || start > UINT32_MAX - 64 ||
+            mSize < 9 || byte > mSize - 9) {
+            return readFieldChecked(bits, bitOffset, width);
+        }
+        const unsigned int shift = start % 8;
+        uint64_t window = loadBigEndian64(mBuffer + byte) << shift;
+        if (shift + bits > 64) {
+            window |= mBuffer[byte + 8] >> (8 - shift);
+        }
+        moveTo(start + bits);
+        return window >> (64 - bits);
+    }
+    uint64_t readFieldChecked(unsigned int bits, int bitOffset, unsigned int width);
     void writeField(uint64_t value, unsigned int bits, int bitOffset, unsigned int width);
     uint64_t fieldAt(uint32_t start, unsigned int bits) const;
     void putFieldAt(uint32_t start, unsigned int bits, uint64_t value);

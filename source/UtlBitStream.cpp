@@ -117,22 +117,6 @@ void BitStream::seekBitOffset(unsigned int offset, int origin) {
     moveTo(static_cast<uint32_t>(target));
 }
 
-unsigned char BitStream::readBitToUint8(unsigned int bits, int bitOffset) {
-    return static_cast<unsigned char>(readField(bits, bitOffset, 8));
-}
-
-unsigned short BitStream::readBitToUint16(unsigned int bits, int bitOffset) {
-    return static_cast<unsigned short>(readField(bits, bitOffset, 16));
-}
-
-unsigned int BitStream::readBitToUint32(unsigned int bits, int bitOffset) {
-    return static_cast<unsigned int>(readField(bits, bitOffset, 32));
-}
-
-unsigned long long BitStream::readBitToUint64(unsigned int bits, int bitOffset) {
-    return readField(bits, bitOffset, 64);
-}
-
 void BitStream::writeBitToUint8(unsigned char value, unsigned int bits, int bitOffset) {
     writeField(value, bits, bitOffset, 8);
 }
@@ -276,14 +260,7 @@ void BitStream::endWrite(int bitOffset, uint32_t end) {
     }
 }
 
-void BitStream::moveTo(uint32_t position) {
-    mPosition = position;
-    if (position > mBitSize) {
-        mBitSize = position;
-    }
-}
-
-uint64_t BitStream::readField(unsigned int bits, int bitOffset, unsigned int width) {
+uint64_t BitStream::readFieldChecked(unsigned int bits, int bitOffset, unsigned int width) {
     uint32_t start = 0;
     if (!beginTransfer(bits, bitOffset, width, &start)) {
         return 0;

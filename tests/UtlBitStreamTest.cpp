@@ -69,6 +69,10 @@ TEST(BitStreamTest, FieldTransfersMatchBitByBitModel) {
                 Stream s(bytes.data(), 16);
                 ASSERT_EQ(readAs(s, width, bits, static_cast<int>(start)),
                           modelRead(original, start, bits));
+                s.seekBitOffset(start, Stream::ORIGIN_BEGIN);
+                ASSERT_EQ(readAs(s, width, bits, -1), modelRead(original, start, bits));
+                ASSERT_EQ(s.getBitPosition(), start + bits);
+                s.seekBitOffset(0, Stream::ORIGIN_BEGIN);
                 const uint64_t value = (uint64_t{rng()} << 32 | rng()) | uint64_t{1} << (width - 1);
                 modelWrite(expected, start, bits, value);
                 writeAs(s, width, value, bits, static_cast<int>(start));
