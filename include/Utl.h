@@ -1,4 +1,4 @@
-// The whole of utl in one include: containers, bit streams and memory helpers.
+// The whole of utl in one include.
 #ifndef UTL_H
 #define UTL_H
 
@@ -6,5 +6,7 @@
 #include "UtlBitStream.h"
 #include "UtlMemory.h"
 #include "UtlQueue.h"
+#include "UtlString.h"
+#include "UtlSync.h"
 
 #endif  // UTL_H
