@@ -7,8 +7,8 @@ set -uo pipefail
 cd "$(dirname "$0")/.."
 source tools/common.sh
 
-utl_require_packages cmake ninja-build g++ make pkg-config libgtest-dev googletest \
-    libbenchmark-dev g++-arm-linux-gnueabihf qemu-user clang-format || exit 1
+utl_require_packages cmake ninja-build g++ pkg-config libgtest-dev googletest libbenchmark-dev \
+    g++-arm-linux-gnueabihf qemu-user clang-format clang libclang-rt-dev python3 || exit 1
 
 jobs=$(utl_jobs)
 results=()
@@ -82,10 +82,33 @@ installed_package() {
     return $status
 }
 
+# Each libFuzzer target for a bounded time, with AddressSanitizer and UndefinedBehaviorSanitizer.
+fuzz() {
+    local dir=build/fuzz
+    CC=clang CXX=clang++ cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+        -DUTL_WERROR=ON -DUTL_BUILD_TESTS=OFF -DUTL_BUILD_FUZZERS=ON -DBUILD_SHARED_LIBS=OFF \
+        -DUTL_SANITIZE=address,undefined >/dev/null &&
+        cmake --build "$dir" -j "$jobs" || return 1
+    local target
+    for target in "$dir"/tests/fuzz/*Fuzz; do
+        [ -x "$target" ] || continue
+        echo "-- $(basename "$target") for ${UTL_FUZZ_SECONDS:-20} s"
+        mkdir -p "$dir/corpus/$(basename "$target")"
+        "$target" -max_total_time="${UTL_FUZZ_SECONDS:-20}" -print_final_stats=0 \
+            "$dir/corpus/$(basename "$target")" 2>"$dir/$(basename "$target").log" ||
+            { tail -n 40 "$dir/$(basename "$target").log"; return 1; }
+    done
+}
+
 stage "format" check_format
 stage "native tests (AddressSanitizer, UndefinedBehaviorSanitizer)" native_sanitized
 stage "32-bit ARM tests under qemu-arm" arm_under_qemu
 stage "installed package, example, pkg-config, benchmarks" installed_package
+if command -v clang++ >/dev/null; then
+    stage "fuzzing (libFuzzer, AddressSanitizer, UndefinedBehaviorSanitizer)" fuzz
+else
+    results+=("SKIP  fuzzing: clang++ is not installed")
+fi
 
 echo
 echo "== Summary"
