@@ -4,6 +4,8 @@
 
 #include "UtlArray.h"
 #include "UtlBitStream.h"
+#include "UtlCharAttrib.h"
+#include "UtlCharConvert.h"
 #include "UtlMemory.h"
 #include "UtlQueue.h"
 #include "UtlString.h"

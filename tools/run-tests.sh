@@ -48,7 +48,7 @@ build_and_test() {
 
 # Adds up one attribute of the GoogleTest reports of every test stage.
 sum_reports() {
-    cat build/*/test-results/*.xml 2>/dev/null | grep -o "<testsuites [^>]*" |
+    cat build/asan/test-results/*.xml build/arm/test-results/*.xml 2>/dev/null | grep -o "<testsuites [^>]*" |
         sed -n "s/.* $1=\"\([0-9]*\)\".*/\1/p" | awk '{ n += $1 } END { print n + 0 }'
 }
 
