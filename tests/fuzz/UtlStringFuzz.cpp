@@ -1,12 +1,12 @@
 // Copies, replacements and reversals of arbitrary bytes into heap buffers of exactly the given
-// size, so that AddressSanitizer sees every overrun, with the invariants every result must keep.
-//
-// Input: the buffer size (first byte), then a text, a "from" and a "to" separated by zero bytes.
+// size, so that AddressSanitizer sees every overrun. Input: the buffer size (first byte), then a
+// text, a "from" and a "to" separated by zero bytes.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "UtlString.h"
@@ -21,113 +21,39 @@ void require(bool condition) {
     }
 }
 
-bool isCharBoundary(char c) {
-    const unsigned char byte = static_cast<unsigned char>(c);
-    return byte < 0x80 || (byte >> 5) == 6 || (byte >> 4) == 14 || (byte >> 3) == 30;
-}
-
-// A result is a failure or a text terminated within the buffer; returns that text.
-std::string checkedText(unsigned int result, const std::vector<char>& buffer) {
+// Runs `op(buffer, size, truncate)` on a heap buffer of exactly `size` bytes. The result is ~0u,
+// 0 (nothing written) or at most `size`, with the text terminated right before it; returns the
+// result and that text.
+template <class Op>
+std::pair<unsigned int, std::string> run(Op op, unsigned int size, int truncate) {
+    std::vector<char> buffer(size);
+    const unsigned int result = op(buffer.data(), size, truncate);
     if (result == FAIL || result == 0) {
-        return std::string();
+        return {result, std::string()};
     }
-    require(result <= buffer.size());
-    require(std::strlen(buffer.data()) == result - 1);
-    return std::string(buffer.data(), result - 1);
+    require(result <= size && std::strlen(buffer.data()) == result - 1);
+    return {result, std::string(buffer.data(), result - 1)};
 }
 
-bool startsWith(const std::string& whole, const std::string& prefix) {
-    return whole.compare(0, prefix.size(), prefix) == 0;
-}
-
-// Whether `text` is valid UTF-8 throughout.
-bool isValid(const std::string& text) {
-    for (std::size_t at = 0; at < text.size();) {
-        const unsigned int length = utl::t_charlen(text.c_str() + at, nullptr);
-        if (length == FAIL) {
-            return false;
-        }
-        at += length;
-    }
-    return true;
-}
-
-// A truncated result is a prefix of the whole one; in a valid text it ends where a character
-// starts (bytes of invalid sequences may be cut anywhere).
-void checkCut(const std::string& cut, const std::string& whole) {
-    require(startsWith(whole, cut));
-    require(cut.size() == whole.size() || !isValid(whole) || isCharBoundary(whole[cut.size()]));
-}
-
-void fuzzCopy(const char* text, unsigned int size) {
+// Checks `op` in a buffer of `size` bytes against its whole result in one of `wholeSize` bytes (0:
+// unknown): untruncated, the same text; truncated, a prefix of it that, in a valid text, ends
+// where a character starts. Returns the whole result.
+template <class Op>
+std::string check(Op op, unsigned int size, unsigned int wholeSize) {
+    const auto [wholeResult, whole] =
+        wholeSize != 0 ? run(op, wholeSize, 0) : std::make_pair(FAIL, std::string());
+    const auto wholeLength = static_cast<unsigned int>(whole.size());
+    const bool valid = utl::getNearCharIndex(whole.c_str(), wholeLength, 1) != FAIL;
     for (int truncate : {0, 1}) {
-        std::vector<char> buffer(size);
-        const unsigned int result = utl::copyStrBase(buffer.data(), size, text, ~0u, truncate);
-        if (size == 0) {
-            require(result == std::strlen(text) + 1);
+        const auto [result, text] = run(op, size, truncate);
+        if (result == FAIL || result == 0 || wholeResult == FAIL) {
             continue;
         }
-        const std::string copied = checkedText(result, buffer);
-        if (result != FAIL && truncate == 1) {
-            checkCut(copied, text);
-        } else if (result != FAIL) {
-            require(copied == text);
-        }
+        require(truncate == 1 || text == whole);
+        require(whole.compare(0, text.size(), text) == 0);
+        require(text.size() == whole.size() || !valid || (whole[text.size()] & 0xC0) != 0x80);
     }
-}
-
-void fuzzReplace(const char* text, const char* from, const char* to, unsigned int size) {
-    // The whole result, when a buffer for every possible occurrence stays small.
-    const std::size_t wholeSize = (std::strlen(text) + 1) * (std::strlen(to) + 1) + 1;
-    std::vector<char> wholeBuffer(wholeSize <= 65536 ? wholeSize : 0);
-    const unsigned int wholeResult =
-        wholeBuffer.empty() ? FAIL
-                            : utl::replaceStr(wholeBuffer.data(), wholeSize, text, from, to, 0);
-    const std::string whole = checkedText(wholeResult, wholeBuffer);
-
-    for (int truncate : {0, 1}) {
-        std::vector<char> buffer(size);
-        const unsigned int result = utl::replaceStr(buffer.data(), size, text, from, to, truncate);
-        if (size == 0) {
-            // Only an empty "from" makes a plain copy, which answers with the size needed.
-            require(result == FAIL || *from == '\0');
-            continue;
-        }
-        const std::string replaced = checkedText(result, buffer);
-        if (result != FAIL && result != 0 && wholeResult != FAIL) {
-            if (truncate == 1) {
-                checkCut(replaced, whole);
-            } else {
-                require(replaced == whole);
-            }
-        }
-        if (std::strlen(text) < size) {
-            std::vector<char> inPlace(text, text + std::strlen(text) + 1);
-            inPlace.resize(size);
-            const unsigned int inPlaceResult =
-                utl::replaceStr(inPlace.data(), size, from, to, truncate);
-            require(inPlaceResult == result);
-            require(checkedText(inPlaceResult, inPlace) == replaced);
-        }
-    }
-}
-
-void fuzzReverse(const char* text, unsigned int size) {
-    const unsigned int length = static_cast<unsigned int>(std::strlen(text));
-    std::vector<char> wholeBuffer(length + 1);
-    const unsigned int wholeResult = utl::t_strrev(wholeBuffer.data(), length + 1, text, 0);
-    const std::string whole = checkedText(wholeResult, wholeBuffer);
-    for (int truncate : {0, 1}) {
-        std::vector<char> buffer(size);
-        const unsigned int result = utl::t_strrev(buffer.data(), size, text, truncate);
-        const std::string reversed = checkedText(result, buffer);
-        require(result == FAIL || wholeResult != FAIL);
-        if (result != FAIL && truncate == 1) {
-            checkCut(reversed, whole);
-        } else if (result != FAIL) {
-            require(reversed == whole);
-        }
-    }
+    return whole;
 }
 
 }  // namespace
@@ -136,16 +62,28 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size < 1) {
         return 0;
     }
-    const unsigned int bufferSize = data[0];
     // Three zero-terminated parts; missing ones are empty.
     std::string input(reinterpret_cast<const char*>(data + 1), size - 1);
     input.append(3, '\0');
     const char* text = input.c_str();
     const char* from = text + std::strlen(text) + 1;
     const char* to = from + std::strlen(from) + 1;
+    const unsigned int length = static_cast<unsigned int>(std::strlen(text));
+    const unsigned int bufferSize = data[0];
+    if (bufferSize == 0) {
+        require(utl::copyStrBase(static_cast<char*>(nullptr), 0, text, ~0u, 0) == length + 1);
+        return 0;
+    }
 
-    fuzzCopy(text, bufferSize);
-    fuzzReplace(text, from, to, bufferSize);
-    fuzzReverse(text, bufferSize);
+    const std::string copied =
+        check([&](char* b, unsigned int n, int t) { return utl::copyStrBase(b, n, text, ~0u, t); },
+              bufferSize, length + 1);
+    require(copied == text);
+    check([&](char* b, unsigned int n, int t) { return utl::t_strrev(b, n, text, t); }, bufferSize,
+          length + 1);
+    // A buffer for every possible occurrence, while it stays small.
+    const std::size_t wholeSize = (length + 1) * (std::strlen(to) + 1) + 1;
+    check([&](char* b, unsigned int n, int t) { return utl::replaceStr(b, n, text, from, to, t); },
+          bufferSize, wholeSize <= 65536 ? static_cast<unsigned int>(wholeSize) : 0);
     return 0;
 }
