@@ -1,7 +1,9 @@
-// A short tour of utl: a sorted map of fixed capacity and a bit stream packing header fields.
+// A short tour of utl: a sorted map of fixed capacity, a bit stream packing header fields, text
+// conversion, logging and an event that one thread waits on with a timeout.
 #include <Utl.h>
 
 #include <cstdio>
+#include <thread>
 
 namespace {
 
@@ -36,10 +38,42 @@ void showBitStream() {
     std::printf("version %u, length %u, checksum %04X\n", version, length, checksum);
 }
 
+void showTextConversion() {
+    std::printf("-- Text: Shift_JIS to UTF-8, and the full-width digits made half-width\n");
+    char utf8[32];
+    utl::convertStrFromSjisToUtf8(utf8, sizeof utf8, "\x82\xA0\x82\xA2 \x82\x50\x82\x51");
+    char narrow[32];
+    utl::convertAttrib(narrow, sizeof narrow, utf8, utl::HANKAKU_ZENKAKU_PAIR, 1, 0);
+    std::printf("%s -> %s\n", utf8, narrow);
+}
+
+void showLogging() {
+    std::printf("-- Logging: a registered type at information level\n");
+    registerLogType(100, "[tour] ", 3);
+    applog(100, 3, "information passes, %d of them", 1);
+    applog(100, 4, "detail is filtered out");
+    std::fflush(stdout);
+}
+
+void showTimedEvent() {
+    std::printf("-- Event: a wait that times out, then one that another thread ends\n");
+    utl::Event ready(0, utl::Event::TWO_WAY);
+    const int first = ready.waitToOn(50);
+    std::thread worker([&ready] { ready.setOn(); });
+    const int second = ready.waitToOn(5000);
+    worker.join();
+    std::printf("first wait %s, second wait %s\n",
+                first == utl::Event::WAIT_TIMEOUT ? "timed out" : "did not time out",
+                second == utl::Event::WAIT_OK ? "woken" : "failed");
+}
+
 }  // namespace
 
 int main() {
     showFixedCapacityMap();
     showBitStream();
+    showTextConversion();
+    showLogging();
+    showTimedEvent();
     return 0;
 }

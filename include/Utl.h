@@ -6,9 +6,12 @@
 #include "UtlBitStream.h"
 #include "UtlCharAttrib.h"
 #include "UtlCharConvert.h"
+#include "UtlLog.h"
 #include "UtlMemory.h"
 #include "UtlQueue.h"
+#include "UtlSmartPointer.h"
 #include "UtlString.h"
 #include "UtlSync.h"
+#include "UtlTimeCounter.h"
 
 #endif  // UTL_H

@@ -1,13 +1,73 @@
 #include "UtlSync.h"
 
-namespace utl {
+#include <cerrno>
+#include <ctime>
 
-SyncObject::SyncObject() {
+#include "UtlLog.h"
+#include "UtlTimeCounter.h"
+
+namespace {
+
+constexpr int kLibraryLogType = -2;
+constexpr int kDetailLevel = 4;
+
+void initMonotonicCondition(pthread_cond_t& condition) {
+    pthread_condattr_t attributes;
+    pthread_condattr_init(&attributes);
+    pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+    pthread_cond_init(&condition, &attributes);
+    pthread_condattr_destroy(&attributes);
+}
+
+void initRecursiveMutex(pthread_mutex_t& mutex) {
     pthread_mutexattr_t attributes;
     pthread_mutexattr_init(&attributes);
     pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
-    pthread_mutex_init(&mMutex, &attributes);
+    pthread_mutex_init(&mutex, &attributes);
     pthread_mutexattr_destroy(&attributes);
+}
+
+// One timed wait on `condition` until `msec` milliseconds from now on the monotonic clock.
+// The milliseconds are divided as a signed 32-bit number, so that a timeout above 2^31 - 1 ms
+// gives a deadline in the past (or an invalid one) and the wait ends at once.
+int waitMsec(pthread_cond_t& condition, pthread_mutex_t& mutex, uint32_t msec) {
+    timespec deadline = {};
+    if (clock_gettime(CLOCK_MONOTONIC, &deadline) != 0) {
+        return utl::Event::WAIT_FAILED;
+    }
+    const int32_t signedMsec = static_cast<int32_t>(msec);
+    deadline.tv_sec += signedMsec / 1000;
+    deadline.tv_nsec += static_cast<long>(signedMsec % 1000) * 1000000L;
+    if (deadline.tv_nsec > 999999999L) {
+        deadline.tv_sec += 1;
+        deadline.tv_nsec -= 1000000000L;
+    }
+    const int result = pthread_cond_timedwait(&condition, &mutex, &deadline);
+    if (result == 0) {
+        return utl::Event::WAIT_OK;
+    }
+    return result == ETIMEDOUT ? utl::Event::WAIT_TIMEOUT : utl::Event::WAIT_FAILED;
+}
+
+// Releases the mutex on every path out of a wait.
+class MutexHold {
+  public:
+    explicit MutexHold(pthread_mutex_t& mutex) : mMutex(mutex) { pthread_mutex_lock(&mMutex); }
+    ~MutexHold() { pthread_mutex_unlock(&mMutex); }
+
+    MutexHold(const MutexHold&) = delete;
+    MutexHold& operator=(const MutexHold&) = delete;
+
+  private:
+    pthread_mutex_t& mMutex;
+};
+
+}  // namespace
+
+namespace utl {
+
+SyncObject::SyncObject() {
+    initRecursiveMutex(mMutex);
 }
 
 SyncObject::~SyncObject() {
@@ -24,6 +84,123 @@ bool SyncObject::tryLock() const {
 
 void SyncObject::unlock() const {
     pthread_mutex_unlock(&mMutex);
+}
+
+Event::Event(int initialState, int mode)
+    : mOn(false), mOff(false), mOnWaiters(0), mOffWaiters(0), mMode(mode) {
+    if (initialState != 0) {
+        mOn = true;
+    } else {
+        mOff = true;
+    }
+    initMonotonicCondition(mOnCondition);
+    if (mMode == TWO_WAY) {
+        initMonotonicCondition(mOffCondition);
+    }
+    initRecursiveMutex(mMutex);
+}
+
+Event::~Event() {
+    pthread_cond_destroy(&mOnCondition);
+    if (mMode == TWO_WAY) {
+        pthread_cond_destroy(&mOffCondition);
+    }
+    pthread_mutex_destroy(&mMutex);
+}
+
+void Event::setOn() {
+    MutexHold hold(mMutex);
+    mOn = true;
+    if (mMode == TWO_WAY) {
+        mOff = false;
+    }
+    // Broadcast under the mutex: a waiter that leaves last renews the condition, which must not
+    // happen while a broadcast on it is still under way.
+    pthread_cond_broadcast(&mOnCondition);
+}
+
+void Event::setOff() {
+    MutexHold hold(mMutex);
+    mOn = false;
+    if (mMode == TWO_WAY) {
+        mOff = true;
+        pthread_cond_broadcast(&mOffCondition);
+    }
+}
+
+bool Event::isOn() const {
+    MutexHold hold(mMutex);
+    return mOn;
+}
+
+bool Event::isOff() const {
+    MutexHold hold(mMutex);
+    return !mOn;
+}
+
+int Event::waitToOn(unsigned int timeoutMsec) const {
+    return waitFor(mOn, mOnWaiters, mOnCondition, timeoutMsec, "mOn");
+}
+
+int Event::waitToOff(unsigned int timeoutMsec) const {
+    if (mMode != TWO_WAY) {
+        return WAIT_FAILED;
+    }
+    return waitFor(mOff, mOffWaiters, mOffCondition, timeoutMsec, "mOff");
+}
+
+int Event::waitFor(const bool& state, uint32_t& waiters, pthread_cond_t& condition,
+                   unsigned int timeoutMsec, const char* stateName) const {
+    MutexHold hold(mMutex);
+    const uint32_t before = waiters++;
+    if (state) {
+        waiters = before;
+        if (before == 0) {
+            renewCondition(condition);
+        }
+        return WAIT_OK;
+    }
+
+    int status = WAIT_OK;
+    if (timeoutMsec == 0) {
+        // An unlimited wait ends with its first wake-up, whatever the state then is.
+        status = pthread_cond_wait(&condition, &mMutex) == 0 ? WAIT_OK : WAIT_FAILED;
+    } else {
+        // A wake-up may find the state switched back already (set and reset again before this
+        // thread ran); the wait then goes on for what is left of the timeout, never longer.
+        uint32_t remaining = timeoutMsec;
+        for (;;) {
+            TimeCounter counter;
+            counter.start();
+            status = waitMsec(condition, mMutex, remaining);
+            if (status != WAIT_OK || state) {
+                break;
+            }
+            const uint32_t waited = counter.stop();
+            if (remaining <= waited) {
+                status = WAIT_TIMEOUT;
+                break;
+            }
+            remaining -= waited;
+            applog(kLibraryLogType, kDetailLevel,
+                   "Wait OK, but Status(%s)=false.  Timeout=%umsec Waited=%umsec Retry wait "
+                   "%umsec after",
+                   stateName, timeoutMsec, waited, remaining);
+        }
+    }
+
+    const uint32_t present = waiters;
+    waiters = present - 1;
+    if (state && present == 1) {
+        renewCondition(condition);
+    }
+    return status;
+}
+
+// static
+void Event::renewCondition(pthread_cond_t& condition) {
+    pthread_cond_destroy(&condition);
+    initMonotonicCondition(condition);
 }
 
 }  // namespace utl

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The whole test suite: formatting, native tests under AddressSanitizer and
-# UndefinedBehaviorSanitizer, the 32-bit ARM cross build with its tests under qemu, an installed
-# package used by a separate project and through pkg-config, and the benchmark build.
+# UndefinedBehaviorSanitizer and under ThreadSanitizer, the 32-bit ARM cross build with its tests
+# under qemu, an installed package used by a separate project and through pkg-config, the
+# benchmark build, and a bounded run of each fuzzer.
 # Runs every stage, prints a summary, and exits non-zero if any stage failed.
 set -uo pipefail
 cd "$(dirname "$0")/.."
@@ -48,12 +49,16 @@ build_and_test() {
 
 # Adds up one attribute of the GoogleTest reports of every test stage.
 sum_reports() {
-    cat build/asan/test-results/*.xml build/arm/test-results/*.xml 2>/dev/null | grep -o "<testsuites [^>]*" |
+    cat build/{asan,tsan,arm}/test-results/*.xml 2>/dev/null | grep -o "<testsuites [^>]*" |
         sed -n "s/.* $1=\"\([0-9]*\)\".*/\1/p" | awk '{ n += $1 } END { print n + 0 }'
 }
 
 native_sanitized() {
     build_and_test build/asan -DCMAKE_BUILD_TYPE=Debug -DUTL_SANITIZE=address,undefined
+}
+
+native_thread_sanitized() {
+    build_and_test build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DUTL_SANITIZE=thread
 }
 
 arm_under_qemu() {
@@ -102,6 +107,7 @@ fuzz() {
 
 stage "format" check_format
 stage "native tests (AddressSanitizer, UndefinedBehaviorSanitizer)" native_sanitized
+stage "native tests (ThreadSanitizer)" native_thread_sanitized
 stage "32-bit ARM tests under qemu-arm" arm_under_qemu
 stage "installed package, example, pkg-config, benchmarks" installed_package
 if command -v clang++ >/dev/null; then

@@ -1,0 +1,59 @@
+// Logging of utl: filtered, tagged lines to the system log, standard output and the binary log.
+//
+// A message is logged under a log type (an id the application chooses) and a level. A
+// process-wide table gives each registered type a filter level and a tag; a type that was never
+// registered is filtered and tagged as the fallback type -1. The library logs its own messages
+// under type -2 (tag "<UTIL> "). Both built-in types start at filter level 4.
+//
+//   registerLogType(100, "[net] ", 3);             // errors, warnings and information
+//   applog(100, 1, "connect failed: %d", errno);   // "Jun  3 21:49:08.123 [net] ERR: connect ..."
+//   applog(100, 4, "detail");                      // dropped: 4 is above the type's level 3
+//   rawlog(100, 3, "%s", "the text alone");        // no time stamp, tag, prefix or line end
+//
+// Levels: 0 none (never output), 1 error "ERR: ", 2 warning "WRN: ", 3 information "INF: ",
+// 4 detail "DTL: ", 5 debug "DBG: "; any other level counts as 5. A message passes when its
+// level is not 0 and at most the type's filter level. It then goes, in this order, to syslog
+// (levels 1-3 as LOG_ERR, LOG_WARNING, LOG_INFO, without the time stamp), to standard output with
+// printf (levels 1-5) and to BinaryLogWrite channel 3 (levels 1-3). The text is handed to syslog
+// and printf as their format, so a "%" inside a message is interpreted once more by them ("%%"
+// prints "%"); callers rely on this.
+//
+// Every function may be called from any thread. Lines are composed on the caller's stack (no
+// heap allocation per message); each sink is written under one process-wide output lock, so a
+// line reaches each sink whole. Logging never reports failure to the caller.
+#ifndef UTL_LOG_H
+#define UTL_LOG_H
+
+// Logs a stamped line: "Mmm dd hh:mm:ss.mmm ", the type's tag, the level prefix, the message
+// formatted like printf, CR LF. A line longer than 253 characters is cut to 253 ending in "...".
+// A null format logs nothing.
+void applog(int type, int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
+
+// Logs the formatted message alone, cut to 255 characters ending in "..." when longer.
+void rawlog(int type, int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
+
+// Creates the log type `type`, or overwrites its tag and filter level. The tag (at most 31 bytes)
+// is written before the level prefix with no separator of its own. A level above 4 (or negative)
+// becomes 5. False, changing nothing, for a null or too long tag or when the table cannot grow.
+bool registerLogType(int type, const char* tag, int level);
+
+// Sets the filter level of a registered type (a level above 4, or negative, becomes 5). An
+// unregistered type is ignored: no entry is made and the fallback type -1 is not touched.
+void setFilterLevel(int type, int level);
+
+// Sets the filter level of every type, the built-in ones included (above 4 or negative: 5).
+void setAllFilterLevel(int level);
+
+// The filter level of a registered type; 6 for a type that is not in the table (no fallback).
+int getFilterLevel(int type);
+
+// Stores the process tag (at most 31 bytes); false, keeping the old one, for a null or too long
+// tag. No output includes it.
+bool setLogTag(const char* tag);
+
+// The binary log sink: receives channel 3 and each error, warning and information line (without
+// its terminator). The library defines it as a weak no-op; an application that links the binary
+// log library, or defines this function itself, replaces it, in a shared and in a static build.
+void BinaryLogWrite(int channel, const char* data, unsigned int length);
+
+#endif  // UTL_LOG_H

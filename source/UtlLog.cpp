@@ -1,0 +1,301 @@
+#include "UtlLog.h"
+
+#include <sys/time.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <new>
+
+#include "UtlArray.h"
+#include "UtlString.h"
+#include "UtlSync.h"
+
+namespace {
+
+constexpr int kFallbackType = -1;
+constexpr int kLibraryType = -2;
+constexpr int kMaxLevel = 5;
+constexpr int kUnknownLevel = 6;
+constexpr unsigned int kTagSize = 32;
+constexpr unsigned int kLineSize = 256;
+constexpr unsigned int kTimeSize = 64;
+constexpr unsigned int kBinaryLogChannel = 3;
+
+// One log type's settings.
+struct LogTypeData {
+    int32_t mFilterLevel;
+    char mTag[kTagSize];
+};
+
+// The log type table with its lock, and the output lock with the process tag. The two locks are
+// never held together.
+class LogState {
+  public:
+    LogState() : mTable(64, 1), mProcessTag() {
+        LogTypeData fallback = {4, ""};
+        LogTypeData library = {4, "<UTIL> "};
+        mTable.insert(kFallbackType, fallback);
+        mTable.insert(kLibraryType, library);
+    }
+
+    utl::SyncObject mTableLock;
+    utl::Map<int, LogTypeData> mTable;  // Guarded by mTableLock.
+    utl::SyncObject mOutputLock;
+    char mProcessTag[kTagSize];  // Guarded by mOutputLock.
+};
+
+// The state lives in static storage and is never destroyed, so that code running during static
+// destruction can still log. Initialising it from a static initialiser makes it ready before any
+// application code runs; the first call through state() also makes it when another library's
+// static initialiser logs first.
+LogState& state() {
+    alignas(LogState) static unsigned char storage[sizeof(LogState)];
+    static LogState* const instance = new (storage) LogState();
+    return *instance;
+}
+
+[[maybe_unused]] const LogState& kStateAtLoad = state();
+
+// Levels above 5 as an unsigned number (negative ones included) count as 5.
+int clampLevel(int level) {
+    return static_cast<unsigned int>(level) > kMaxLevel ? kMaxLevel : level;
+}
+
+const char* levelPrefix(int level) {
+    static const char* const kPrefixes[] = {"NO : ", "ERR: ", "WRN: ", "INF: ", "DTL: ", "DBG: "};
+    return kPrefixes[level];
+}
+
+// Whether a message of `type` at the clamped `level` passes the filter; copies the entry that
+// decided (the type's own or the fallback) into `entry` when it is not null.
+bool passesFilter(int type, int level, LogTypeData* entry) {
+    LogState& s = state();
+    utl::SyncGuard guard(s.mTableLock);
+    const utl::Pair<int, LogTypeData>* found = s.mTable.find(type);
+    if (found == nullptr) {
+        found = s.mTable.find(kFallbackType);
+    }
+    if (found == nullptr || level == 0 || found->mValue.mFilterLevel < level) {
+        return false;
+    }
+    if (entry != nullptr) {
+        *entry = found->mValue;
+    }
+    return true;
+}
+
+// Appends `text` at `*end`, stopping before `limit`.
+void appendBounded(char** end, const char* limit, const char* text) {
+    while (*text != '\0' && *end < limit) {
+        *(*end)++ = *text++;
+    }
+}
+
+// Appends `value` with `digits` digits, padded with `pad` on the left.
+void appendNumber(char** end, unsigned int value, int digits, char pad) {
+    for (int i = digits - 1; i >= 0; --i) {
+        (*end)[i] = value != 0 || i == digits - 1 ? static_cast<char>('0' + value % 10) : pad;
+        value /= 10;
+    }
+    *end += digits;
+}
+
+// "Mmm dd hh:mm:ss.mmm" of the wall clock: the text of ctime_r ("Www Mmm dd hh:mm:ss yyyy")
+// with the weekday left out and the year replaced by the milliseconds, day of month padded with
+// a blank as ctime_r pads it. Formatted by hand because this runs for every message.
+void timeStamp(char (&buffer)[kTimeSize]) {
+    static const char kMonths[] = "JanFebMarAprMayJunJulAugSepOctNovDec";
+    timeval now = {};
+    gettimeofday(&now, nullptr);
+    const time_t seconds = now.tv_sec;
+    tm local = {};
+    localtime_r(&seconds, &local);
+    char* end = buffer;
+    end = std::copy(kMonths + 3 * local.tm_mon, kMonths + 3 * local.tm_mon + 3, end);
+    appendNumber(&end, static_cast<unsigned int>(local.tm_mday), 3, ' ');
+    *end++ = ' ';
+    appendNumber(&end, static_cast<unsigned int>(local.tm_hour), 2, '0');
+    *end++ = ':';
+    appendNumber(&end, static_cast<unsigned int>(local.tm_min), 2, '0');
+    *end++ = ':';
+    appendNumber(&end, static_cast<unsigned int>(local.tm_sec), 2, '0');
+    *end++ = '.';
+    appendNumber(&end, static_cast<unsigned int>(now.tv_usec / 1000), 3, '0');
+    *end = '\0';
+}
+
+// Overwrites the end of a line that was cut with "...", so that it ends at `length` characters.
+void markCut(char* line, unsigned int length) {
+    utl::copyStrBase(line + length - 3, 4, "...", ~0u, 1);
+}
+
+// Composes a stamped line into `line`; returns the offset of the tag, where the text that goes
+// to syslog starts.
+std::size_t composeStampedLine(char (&line)[kLineSize], const LogTypeData& entry, int level,
+                               const char* format, va_list args) {
+    constexpr unsigned int kHeaderLimit = 253;
+    char stamp[kTimeSize] = {};
+    timeStamp(stamp);
+    char* end = line;
+    const char* const headerEnd = line + kHeaderLimit - 1;
+    appendBounded(&end, headerEnd, stamp);
+    appendBounded(&end, headerEnd, " ");
+    const std::size_t tagOffset = static_cast<std::size_t>(end - line);
+    appendBounded(&end, headerEnd, entry.mTag);
+    appendBounded(&end, headerEnd, levelPrefix(level));
+    const std::size_t header = static_cast<std::size_t>(end - line);
+    const std::size_t room = kHeaderLimit + 1 - header;
+    const int written = std::vsnprintf(end, room, format, args);
+    if (written < 0 || static_cast<std::size_t>(written) >= room) {
+        markCut(line, kHeaderLimit);
+    }
+    return tagOffset;
+}
+
+void composeRawLine(char (&line)[kLineSize], const char* format, va_list args) {
+    const int written = std::vsnprintf(line, kLineSize, format, args);
+    if (static_cast<unsigned int>(written) > kLineSize - 1) {
+        markCut(line, kLineSize - 1);
+    }
+}
+
+void appendLineEnd(char (&line)[kLineSize]) {
+    const std::size_t length = std::strlen(line);
+    utl::copyStrBase(line + length, 3, "\r\n", ~0u, 1);
+}
+
+// The sinks pass the text as the format of syslog and printf: a "%" inside a message is
+// interpreted by them once more, which callers rely on.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-security"
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+
+void writeSyslog(int level, const char* text) {
+    static const int kPriorities[] = {0, LOG_ERR, LOG_WARNING, LOG_INFO};
+    if (text == nullptr || level < 1 || level > 3) {
+        return;
+    }
+    utl::SyncGuard guard(state().mOutputLock);
+    syslog(kPriorities[level], text);
+}
+
+void writeStandardOutput(int level, const char* text) {
+    if (text == nullptr || level < 1) {
+        return;
+    }
+    utl::SyncGuard guard(state().mOutputLock);
+    // Without a "%" printf would copy the text as it is: fputs does the same, much faster.
+    if (std::strchr(text, '%') == nullptr) {
+        std::fputs(text, stdout);
+    } else {
+        std::printf(text);
+    }
+}
+
+#pragma GCC diagnostic pop
+
+void writeBinaryLog(int level, const char* text) {
+    if (text == nullptr || text[0] == '\0' || level < 1 || level > 3) {
+        return;
+    }
+    utl::SyncGuard guard(state().mOutputLock);
+    BinaryLogWrite(kBinaryLogChannel, text, static_cast<unsigned int>(std::strlen(text)));
+}
+
+// The sinks in their order; `syslogText` is the part of the line that syslog receives.
+void writeSinks(int level, const char* syslogText, char (&line)[kLineSize], bool addLineEnd) {
+    writeSyslog(level, syslogText);
+    if (addLineEnd) {
+        appendLineEnd(line);
+    }
+    writeStandardOutput(level, line);
+    writeBinaryLog(level, line);
+}
+
+void logStamped(int type, int level, const char* format, va_list args) {
+    level = clampLevel(level);
+    LogTypeData entry;
+    if (!passesFilter(type, level, &entry) || format == nullptr) {
+        return;
+    }
+    char line[kLineSize] = {};
+    const std::size_t tag = composeStampedLine(line, entry, level, format, args);
+    writeSinks(level, line + tag, line, true);
+}
+
+void logRaw(int type, int level, const char* format, va_list args) {
+    level = clampLevel(level);
+    if (!passesFilter(type, level, nullptr) || format == nullptr) {
+        return;
+    }
+    char line[kLineSize] = {};
+    composeRawLine(line, format, args);
+    writeSinks(level, line, line, false);
+}
+
+}  // namespace
+
+void applog(int type, int level, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    logStamped(type, level, format, args);
+    va_end(args);
+}
+
+void rawlog(int type, int level, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    logRaw(type, level, format, args);
+    va_end(args);
+}
+
+bool registerLogType(int type, const char* tag, int level) {
+    LogTypeData entry = {clampLevel(level), ""};
+    if (utl::copyStrBase(entry.mTag, kTagSize, tag, ~0u, 0) == ~0u) {
+        return false;
+    }
+    LogState& s = state();
+    utl::SyncGuard guard(s.mTableLock);
+    return s.mTable.insert(type, entry);
+}
+
+void setFilterLevel(int type, int level) {
+    level = clampLevel(level);
+    LogState& s = state();
+    utl::SyncGuard guard(s.mTableLock);
+    if (utl::Pair<int, LogTypeData>* found = s.mTable.find(type)) {
+        found->mValue.mFilterLevel = level;
+    }
+}
+
+void setAllFilterLevel(int level) {
+    level = clampLevel(level);
+    LogState& s = state();
+    utl::SyncGuard guard(s.mTableLock);
+    for (unsigned int i = 0; i < s.mTable.getCount(); ++i) {
+        s.mTable.getAt(i).mValue.mFilterLevel = level;
+    }
+}
+
+int getFilterLevel(int type) {
+    LogState& s = state();
+    utl::SyncGuard guard(s.mTableLock);
+    const utl::Pair<int, LogTypeData>* found = s.mTable.find(type);
+    return found != nullptr ? found->mValue.mFilterLevel : kUnknownLevel;
+}
+
+bool setLogTag(const char* tag) {
+    if (tag == nullptr) {
+        return false;
+    }
+    LogState& s = state();
+    utl::SyncGuard guard(s.mOutputLock);
+    return utl::copyStrBase(s.mProcessTag, kTagSize, tag, ~0u, 0) != ~0u;
+}
+
+__attribute__((weak)) void BinaryLogWrite(int, const char*, unsigned int) {}

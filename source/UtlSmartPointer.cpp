@@ -1,0 +1,58 @@
+#include "UtlSmartPointer.h"
+
+#include <unistd.h>
+
+#include <cinttypes>
+#include <new>
+
+#include "UtlLog.h"
+
+namespace utl {
+
+namespace {
+
+// The library's own log type and the error level.
+constexpr int LOG_TYPE_UTL = -2;
+constexpr int LEVEL_ERROR = 1;
+
+}  // namespace
+
+RefCounter::~RefCounter() = default;
+
+int32_t RefCounter::getCount() const {
+    SyncGuard guard(mLock);
+    return mCount;
+}
+
+RefCounter* GetRefCounterInterface::getRefCounter(const GetRefCounterInterface& holder) const {
+    return holder.actGetRefCounter();
+}
+
+namespace detail {
+
+RefCounter* newRefCounter(const char* where) {
+    RefCounter* counter = new (std::nothrow) RefCounter;
+    if (counter == nullptr) {
+        applog(LOG_TYPE_UTL, LEVEL_ERROR, "new RefCounter failed in %s", where);
+        return nullptr;
+    }
+    // Raised under the lock like every later change, although no other thread can see it yet.
+    counter->increment();
+    return counter;
+}
+
+void logNegativeCount(int32_t count, const char* holderClass) {
+    applog(LOG_TYPE_UTL, LEVEL_ERROR, "lRefCount(%" PRId32 ") < 0 in %s::release()", count,
+           holderClass);
+}
+
+}  // namespace detail
+
+void DestructCloseFile::operator()(int fd) const {
+    if (fd > 0) {
+        fsync(fd);
+        close(fd);
+    }
+}
+
+}  // namespace utl
