@@ -28,6 +28,8 @@
 
 #include <cstdint>
 
+#include <sys/single_threaded.h>
+
 #include "UtlSync.h"
 
 namespace utl {
@@ -44,20 +46,25 @@ class RefCounter final {
     RefCounter& operator=(const RefCounter&) = delete;
 
     // Adds one under the lock and returns the count it left.
-    int32_t increment() {
-        SyncGuard guard(mLock);
-        return ++mCount;
-    }
+    int32_t increment() { return change(+1); }
     // Subtracts one under the lock and returns the count it left; may go below 0.
-    int32_t decrement() {
-        SyncGuard guard(mLock);
-        return --mCount;
-    }
+    int32_t decrement() { return change(-1); }
     // The count, read under the lock.
     int32_t getCount() const;
 
   private:
-    int32_t mCount;  // Protected by mLock.
+    // While the process has only ever had one thread, nothing can race with the change and the
+    // lock is skipped (the C library clears the flag for good before a second thread starts, so
+    // the creation of that thread orders every earlier change before its first look).
+    int32_t change(int32_t delta) {
+        if (__libc_single_threaded) {
+            return mCount += delta;
+        }
+        SyncGuard guard(mLock);
+        return mCount += delta;
+    }
+
+    int32_t mCount;  // Protected by mLock once the process has a second thread.
     SyncObject mLock;
 };
 
