@@ -1,5 +1,7 @@
 #include "LogCapture.h"
 
+#include <unistd.h>
+
 #include <mutex>
 
 namespace {
@@ -68,4 +70,40 @@ std::vector<int> LogCapture::channels() const {
     Received& r = received();
     std::lock_guard<std::mutex> guard(r.lock);
     return r.channels;
+}
+
+StdoutCapture::StdoutCapture() : mFile(std::tmpfile()), mSaved(-1) {
+    if (mFile != nullptr) {
+        std::fflush(stdout);
+        mSaved = dup(STDOUT_FILENO);
+        dup2(fileno(mFile), STDOUT_FILENO);
+    }
+}
+
+StdoutCapture::~StdoutCapture() {
+    restore();
+    if (mFile != nullptr) {
+        std::fclose(mFile);
+    }
+}
+
+std::string StdoutCapture::text() {
+    restore();
+    std::string text;
+    if (mFile != nullptr) {
+        std::rewind(mFile);
+        for (int c; (c = std::fgetc(mFile)) != EOF;) {
+            text.push_back(static_cast<char>(c));
+        }
+    }
+    return text;
+}
+
+void StdoutCapture::restore() {
+    if (mSaved >= 0) {
+        std::fflush(stdout);
+        dup2(mSaved, STDOUT_FILENO);
+        close(mSaved);
+        mSaved = -1;
+    }
 }

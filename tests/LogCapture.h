@@ -3,6 +3,7 @@
 #ifndef UTL_TESTS_LOG_CAPTURE_H
 #define UTL_TESTS_LOG_CAPTURE_H
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -19,5 +20,29 @@ class LogCapture {
     // The channels of the calls received so far.
     std::vector<int> channels() const;
 };
+
+// Collects what the printf sink writes: standard output goes to a temporary file meanwhile.
+class StdoutCapture {
+  public:
+    StdoutCapture();
+    ~StdoutCapture();
+
+    // Everything written since construction; standard output is restored.
+    std::string text();
+
+  private:
+    void restore();
+
+    std::FILE* mFile;
+    int mSaved;
+};
+
+// What `body` writes to standard output.
+template <class Body>
+std::string captureStdout(Body body) {
+    StdoutCapture capture;
+    body();
+    return capture.text();
+}
 
 #endif  // UTL_TESTS_LOG_CAPTURE_H

@@ -20,41 +20,6 @@
 
 namespace {
 
-// Collects what the printf sink writes: standard output goes to a temporary file meanwhile.
-class StdoutCapture {
-  public:
-    StdoutCapture() : mFile(std::tmpfile()) {
-        std::fflush(stdout);
-        mSaved = dup(STDOUT_FILENO);
-        dup2(fileno(mFile), STDOUT_FILENO);
-    }
-    ~StdoutCapture() { restore(); }
-
-    // Everything written so far; standard output is restored.
-    std::string text() {
-        restore();
-        std::string text;
-        std::rewind(mFile);
-        for (int c; (c = std::fgetc(mFile)) != EOF;) {
-            text.push_back(static_cast<char>(c));
-        }
-        return text;
-    }
-
-  private:
-    void restore() {
-        if (mSaved >= 0) {
-            std::fflush(stdout);
-            dup2(mSaved, STDOUT_FILENO);
-            close(mSaved);
-            mSaved = -1;
-        }
-    }
-
-    std::FILE* mFile;
-    int mSaved;
-};
-
 const std::string kStamp = "[A-Z][a-z]{2} [ 0-9][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} ";
 
 // Restores the built-in filter levels that a test changes.

@@ -14,6 +14,8 @@
 #include <string>
 #include <thread>
 
+#include "LogCapture.h"
+
 namespace {
 
 bool tryLockFromAnotherThread(const utl::SyncObject& lock) {
@@ -65,27 +67,6 @@ void awaitBlocked(const std::atomic<pid_t>& tid) {
         }
         std::this_thread::yield();
     }
-}
-
-// What `body` writes to standard output, where detail-level log lines go (and only there).
-template <class Body>
-std::string captureStdout(Body body) {
-    std::FILE* file = std::tmpfile();
-    if (file == nullptr) {
-        return "(no temporary file)";
-    }
-    std::fflush(stdout);
-    const int saved = dup(STDOUT_FILENO);
-    dup2(fileno(file), STDOUT_FILENO);
-    body();
-    std::fflush(stdout);
-    dup2(saved, STDOUT_FILENO);
-    close(saved);
-    std::string text(static_cast<std::size_t>(std::ftell(file)), '\0');
-    std::rewind(file);
-    text.resize(std::fread(&text[0], 1, text.size(), file));
-    std::fclose(file);
-    return text;
 }
 
 // Timeouts ending in 999 ms make the deadline's nanoseconds carry into its seconds in all but
