@@ -48,6 +48,17 @@ T* allocateElements(unsigned int n) {
     return new (std::nothrow) T[n];
 }
 
+// The one object of type T, made on first use in static storage and never destroyed, so that it
+// still works while other static objects are being destroyed. Process-wide state of the library
+// (the log table, the tick-counter ids) lives here; a static initialiser that calls this for T
+// makes the object at load, before application code runs.
+template <class T>
+T& immortalInstance() {
+    alignas(T) static unsigned char storage[sizeof(T)];
+    static T* const instance = new (storage) T();
+    return *instance;
+}
+
 }  // namespace detail
 
 }  // namespace utl

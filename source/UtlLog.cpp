@@ -9,9 +9,9 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <new>
 
 #include "UtlArray.h"
+#include "UtlMemory.h"
 #include "UtlString.h"
 #include "UtlSync.h"
 
@@ -49,14 +49,10 @@ class LogState {
     char mProcessTag[kTagSize];  // Guarded by mOutputLock.
 };
 
-// The state lives in static storage and is never destroyed, so that code running during static
-// destruction can still log. Initialising it from a static initialiser makes it ready before any
-// application code runs; the first call through state() also makes it when another library's
-// static initialiser logs first.
+// Made at library load and never destroyed, so that code running during static destruction can
+// still log.
 LogState& state() {
-    alignas(LogState) static unsigned char storage[sizeof(LogState)];
-    static LogState* const instance = new (storage) LogState();
-    return *instance;
+    return utl::detail::immortalInstance<LogState>();
 }
 
 [[maybe_unused]] const LogState& kStateAtLoad = state();

@@ -2,10 +2,10 @@
 
 #include <cerrno>
 #include <ctime>
-#include <new>
 
 #include "UtlArray.h"
 #include "UtlLog.h"
+#include "UtlMemory.h"
 #include "UtlSync.h"
 
 namespace {
@@ -24,13 +24,10 @@ class CounterIds {
     utl::Map<unsigned int, unsigned int> mMap;  // Guarded by mLock.
 };
 
-// Kept in static storage and never destroyed, so that counters used during static destruction
-// still work. The static initialiser below makes the table at library load, before application
-// code runs; the first call also makes it when another library's static initialiser comes first.
+// Made at library load and never destroyed, so that counters used during static destruction still
+// work.
 CounterIds& counterIds() {
-    alignas(CounterIds) static unsigned char storage[sizeof(CounterIds)];
-    static CounterIds* const instance = new (storage) CounterIds();
-    return *instance;
+    return utl::detail::immortalInstance<CounterIds>();
 }
 
 [[maybe_unused]] const CounterIds& kCounterIdsAtLoad = counterIds();

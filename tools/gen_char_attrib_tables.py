@@ -39,9 +39,10 @@ is a proper prefix of a later row's would hide it; the script refuses such an or
 direction. Base-plus-mark rows therefore precede the rows of their bases.
 """
 
-import argparse
 import string
 import sys
+
+import generated_source
 
 # Half-width katakana U+FF66-U+FF9D and their full-width forms, in the same order.
 HAN_KATA = "".join(chr(c) for c in range(0xFF66, 0xFF9E))
@@ -286,24 +287,13 @@ def render():
     return "\n".join(lines)
 
 
-def main():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--check", action="store_true",
-                        help="compare with OUTPUT instead of writing it")
-    parser.add_argument("output")
-    args = parser.parse_args()
+def checked_render():
     check_tables()
-    text = render()
-    if args.check:
-        with open(args.output, encoding="utf-8") as f:
-            if f.read() != text:
-                print(f"{args.output} is out of date; run {sys.argv[0]} {args.output}",
-                      file=sys.stderr)
-                return 1
-        return 0
-    with open(args.output, "w", encoding="utf-8") as f:
-        f.write(text)
-    return 0
+    return render()
+
+
+def main():
+    return generated_source.write_or_check(__doc__.splitlines()[0], checked_render)
 
 
 if __name__ == "__main__":

@@ -20,9 +20,10 @@ Usage:
     gen_sjis_tables.py --check FILE  exit 1 if FILE differs from what would be written
 """
 
-import argparse
 import collections
 import sys
+
+import generated_source
 
 SJIS_COUNT = 7787
 UTF8_COUNT = 7389
@@ -146,20 +147,7 @@ def render():
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--check", action="store_true", help="compare instead of writing")
-    parser.add_argument("file")
-    args = parser.parse_args()
-    text = render()
-    if args.check:
-        with open(args.file, encoding="utf-8") as f:
-            if f.read() != text:
-                print(f"{args.file} is out of date; run {sys.argv[0]} {args.file}")
-                return 1
-        return 0
-    with open(args.file, "w", encoding="utf-8") as f:
-        f.write(text)
-    return 0
+    return generated_source.write_or_check(__doc__.splitlines()[0], render)
 
 
 if __name__ == "__main__":
