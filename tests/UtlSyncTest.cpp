@@ -2,17 +2,16 @@
 
 #include <sched.h>
 #include <signal.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <fstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "LogCapture.h"
 
@@ -20,13 +19,7 @@ namespace {
 
 bool tryLockFromAnotherThread(const utl::SyncObject& lock) {
     bool taken = false;
-    std::thread other([&] {
-        taken = lock.tryLock();
-        if (taken) {
-            lock.unlock();
-        }
-    });
-    other.join();
+    std::thread([&] { taken = lock.tryLock() && (lock.unlock(), true); }).join();
     return taken;
 }
 
@@ -42,42 +35,24 @@ TEST(SyncObjectTest, OwnerMayRelockAndMustUnlockAsOften) {
     EXPECT_TRUE(tryLockFromAnotherThread(lock));
 }
 
-// Kernel id of the calling thread.
-pid_t currentThreadId() {
-    return static_cast<pid_t>(syscall(SYS_gettid));
-}
-
-// Waits until thread `tid` of this process sleeps in the kernel. Called once a waiter has
-// announced that it is about to wait, so that the sleep is its wait on the event. Gives up after
-// 10 s and lets the test go on: it then checks a case where the waiter came late, which must
-// pass too.
+// Waits until thread `tid` sleeps in the kernel (10 s at most: a late waiter must pass too).
 void awaitBlocked(const std::atomic<pid_t>& tid) {
     const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (tid.load() == 0) {
-        std::this_thread::yield();
-    }
-    const std::string path = "/proc/self/task/" + std::to_string(tid.load()) + "/stat";
-    while (std::chrono::steady_clock::now() < giveUp) {
-        std::ifstream file(path);
-        std::string stat;
-        std::getline(file, stat);
-        const std::size_t nameEnd = stat.rfind(')');
-        if (nameEnd != std::string::npos && nameEnd + 2 < stat.size() && stat[nameEnd + 2] == 'S') {
+    for (std::string stat; std::chrono::steady_clock::now() < giveUp; std::this_thread::yield()) {
+        std::ifstream file("/proc/self/task/" + std::to_string(tid.load()) + "/stat");
+        if (std::getline(file, stat) && stat.find(") S ") != std::string::npos) {
             return;
         }
-        std::this_thread::yield();
     }
 }
 
-// Timeouts ending in 999 ms make the deadline's nanoseconds carry into its seconds in all but
-// one case in a thousand.
+// Ending in 999 ms, the deadline's nanoseconds carry into its seconds nearly always.
 constexpr unsigned int kLongTimeout = 9999;
 
 TEST(EventTest, InitialStateAndModeDecideTheImmediateResults) {
     utl::Event oneWaySet(1, utl::Event::ONE_WAY);
     EXPECT_TRUE(oneWaySet.isOn());
     EXPECT_EQ(oneWaySet.waitToOn(500), utl::Event::WAIT_OK);
-
     utl::Event oneWay(0, utl::Event::ONE_WAY);
     EXPECT_TRUE(oneWay.isOff());
     EXPECT_EQ(oneWay.waitToOff(100), utl::Event::WAIT_FAILED);
@@ -88,8 +63,7 @@ TEST(EventTest, InitialStateAndModeDecideTheImmediateResults) {
     utl::Event twoWay(0, utl::Event::TWO_WAY);
     EXPECT_EQ(twoWay.waitToOff(500), utl::Event::WAIT_OK);
     twoWay.setOn();
-    EXPECT_TRUE(twoWay.isOn());
-    EXPECT_FALSE(twoWay.isOff());
+    EXPECT_TRUE(twoWay.isOn() && !twoWay.isOff());
     EXPECT_EQ(twoWay.waitToOn(500), utl::Event::WAIT_OK);
     twoWay.setOff();
     EXPECT_EQ(twoWay.waitToOff(500), utl::Event::WAIT_OK);
@@ -104,74 +78,48 @@ TEST(EventTest, TimedWaitRunsOutWithoutTheState) {
     EXPECT_LT(waited, std::chrono::milliseconds(200 + 5000));
 }
 
-TEST(EventTest, SwitchFromAnotherThreadWakesTheWaiter) {
+// Every waiter is woken, in the second round by the condition renewed after the first.
+TEST(EventTest, SwitchFromAnotherThreadWakesEveryWaiterAgainAndAgain) {
     struct Case {
         const char* name;
-        int initialState;
-        int mode;
-        bool waitForOn;
+        int initialState, mode;  // initially off: wait for on; on: wait for off
         unsigned int timeout;
     };
     const Case cases[] = {
-        {"timed waitToOn", 0, utl::Event::TWO_WAY, true, kLongTimeout},
-        {"timed waitToOff", 1, utl::Event::TWO_WAY, false, kLongTimeout},
-        // Last: without a wake-up it never returns.
-        {"unlimited waitToOn", 0, utl::Event::ONE_WAY, true, 0},
+        {"two-way timed waitToOn", 0, utl::Event::TWO_WAY, kLongTimeout},
+        {"two-way timed waitToOff", 1, utl::Event::TWO_WAY, kLongTimeout},
+        {"one-way timed waitToOn", 0, utl::Event::ONE_WAY, kLongTimeout},
+        {"unlimited waitToOn", 0, utl::Event::ONE_WAY, 0},  // last: may never return
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
         utl::Event event(c.initialState, c.mode);
-        std::atomic<pid_t> tid{0};
-        int status = 1;
-        std::thread waiter([&] {
-            tid = currentThreadId();
-            status = c.waitForOn ? event.waitToOn(c.timeout) : event.waitToOff(c.timeout);
-        });
-        awaitBlocked(tid);
-        if (c.waitForOn) {
-            event.setOn();
-        } else {
-            event.setOff();
+        for (int round = 0; round < 2; ++round) {
+            SCOPED_TRACE(std::string(c.name) + " round " + std::to_string(round));
+            std::vector<std::atomic<pid_t>> tids(3);
+            std::vector<int> statuses(tids.size(), 1);
+            std::vector<std::thread> waiters;
+            for (std::size_t i = 0; i < tids.size(); ++i) {
+                waiters.emplace_back([&, i] {
+                    tids[i] = gettid();
+                    statuses[i] =
+                        c.initialState ? event.waitToOff(c.timeout) : event.waitToOn(c.timeout);
+                });
+            }
+            for (const std::atomic<pid_t>& tid : tids) {
+                awaitBlocked(tid);
+            }
+            c.initialState ? event.setOff() : event.setOn();
+            for (std::thread& waiter : waiters) {
+                waiter.join();
+            }
+            EXPECT_EQ(statuses, std::vector<int>(tids.size(), utl::Event::WAIT_OK));
+            c.initialState ? event.setOn() : event.setOff();
         }
-        waiter.join();
-        EXPECT_EQ(status, utl::Event::WAIT_OK);
     }
 }
 
-TEST(EventTest, SetOnWakesEveryWaiterAgainAndAgain) {
-    constexpr int kWaiters = 4;
-    utl::Event event(0, utl::Event::ONE_WAY);
-    // The second round waits on the condition renewed when the last waiter of the first left.
-    for (int round = 0; round < 2; ++round) {
-        SCOPED_TRACE(round);
-        std::atomic<pid_t> tids[kWaiters] = {};
-        int statuses[kWaiters] = {};
-        std::thread waiters[kWaiters];
-        for (int i = 0; i < kWaiters; ++i) {
-            waiters[i] = std::thread([&, i] {
-                tids[i] = currentThreadId();
-                statuses[i] = event.waitToOn(kLongTimeout);
-            });
-        }
-        for (const std::atomic<pid_t>& tid : tids) {
-            awaitBlocked(tid);
-        }
-        event.setOn();
-        for (std::thread& waiter : waiters) {
-            waiter.join();
-        }
-        for (int status : statuses) {
-            EXPECT_EQ(status, utl::Event::WAIT_OK);
-        }
-        event.setOff();
-    }
-}
-
-// The handler of the signal that holds a waiter: it keeps the waiter's thread busy, outside the
-// event's mutex, until the test releases it.
-std::atomic<bool> gWaiterHeld{false};
-std::atomic<bool> gReleaseWaiter{false};
-
+// Holds the signalled waiter outside the event's mutex until the test releases it.
+std::atomic<bool> gWaiterHeld{false}, gReleaseWaiter{false};
 void holdWaiter(int) {
     gWaiterHeld = true;
     while (!gReleaseWaiter.load()) {
@@ -179,62 +127,48 @@ void holdWaiter(int) {
     }
 }
 
-// A waiter woken by setOn that finds the event reset again by setOff waits on for the rest of
-// its timeout. The waiter is held in a signal handler while setOn and setOff run, so that it can
-// only come back to the event after both; the sleep only makes the held time long enough to
-// tell the rest of the timeout from the whole. Should the signal come before the waiter was really
-// waiting, the try ends in a plain timeout and the next one follows.
+// A waiter woken by setOn that finds the event reset waits only the rest of its timeout. Held in a
+// signal handler while setOn and setOff run; a signal before its wait ends in a timeout: retry.
 TEST(EventTest, WakeUpWithoutTheStateWaitsOnlyForTheRestOfTheTimeout) {
-    constexpr unsigned int kTimeout = 400;
-    constexpr unsigned int kHeld = 100;
-    const std::string retryLine = "DTL: Wait OK, but Status(mOn)=false.  Timeout=";
-    struct sigaction hold = {};
+    constexpr unsigned int kTimeout = 400, kHeld = 100;
+    const std::string head = "DTL: Wait OK, but Status(mOn)=false.  Timeout=400msec Waited=";
+    struct sigaction hold = {}, previous = {};
     hold.sa_handler = holdWaiter;
-    sigemptyset(&hold.sa_mask);
-    struct sigaction previous = {};
     ASSERT_EQ(sigaction(SIGUSR1, &hold, &previous), 0);
 
     bool retried = false;
     for (int attempt = 0; attempt < 3 && !retried; ++attempt) {
-        gWaiterHeld = false;
-        gReleaseWaiter = false;
+        gWaiterHeld = gReleaseWaiter = false;
         int status = 1;
         const std::string text = captureStdout([&] {
             utl::Event event(0, utl::Event::TWO_WAY);
             std::atomic<pid_t> tid{0};
             std::thread waiter([&] {
-                tid = currentThreadId();
+                tid = gettid();
                 status = event.waitToOn(kTimeout);
             });
             awaitBlocked(tid);
-            syscall(SYS_tgkill, getpid(), tid.load(), SIGUSR1);
+            tgkill(getpid(), tid.load(), SIGUSR1);
             while (!gWaiterHeld.load()) {
                 std::this_thread::yield();
             }
             event.setOn();
             event.setOff();
-            // The held time counts as waited, so that the first pass uses up part of the timeout.
-            std::this_thread::sleep_for(std::chrono::milliseconds(kHeld));
+            std::this_thread::sleep_for(std::chrono::milliseconds(kHeld));  // counts as waited
             gReleaseWaiter = true;
             waiter.join();
         });
         EXPECT_EQ(status, utl::Event::WAIT_TIMEOUT);
-        const std::size_t at = text.find(retryLine);
+        const std::size_t at = text.find(head);
         if (at == std::string::npos) {
             continue;
         }
         retried = true;
-        unsigned int timeout = 0;
-        unsigned int waited = 0;
-        unsigned int rest = 0;
-        ASSERT_EQ(std::sscanf(text.c_str() + at + retryLine.size(),
-                              "%umsec Waited=%umsec Retry wait %umsec after\r\n", &timeout, &waited,
-                              &rest),
-                  3)
-            << text;
-        EXPECT_EQ(timeout, kTimeout);
+        const unsigned int waited = std::stoul(text.substr(at + head.size()));
         EXPECT_GE(waited, kHeld - 1);
-        EXPECT_EQ(waited + rest, kTimeout);
+        const std::string line = head + std::to_string(waited) + "msec Retry wait " +
+                                 std::to_string(kTimeout - waited) + "msec after\r\n";
+        EXPECT_EQ(text.substr(at, line.size()), line);
     }
     sigaction(SIGUSR1, &previous, nullptr);
     EXPECT_TRUE(retried) << "the waiter never came back to find the event reset";
