@@ -8,10 +8,14 @@
 #include "UtlCharConvert.h"
 #include "UtlLog.h"
 #include "UtlMemory.h"
+#include "UtlMsg.h"
+#include "UtlMsgDrivenThread.h"
 #include "UtlQueue.h"
 #include "UtlSmartPointer.h"
 #include "UtlString.h"
 #include "UtlSync.h"
+#include "UtlThreadManager.h"
+#include "UtlThreadWatchdog.h"
 #include "UtlTimeCounter.h"
 
 #endif  // UTL_H

@@ -56,4 +56,34 @@ bool setLogTag(const char* tag);
 // log library, or defines this function itself, replaces it, in a shared and in a static build.
 void BinaryLogWrite(int channel, const char* data, unsigned int length);
 
+namespace utl {
+namespace detail {
+
+// Library-internal: log lines decided while a lock is held and written once it has been released,
+// so that no sink runs under a lock that other threads need. Each line is formatted when it is
+// added (exactly as the library's log call would format it) and logged by `flush`. Holds up to
+// CAPACITY lines; further ones are dropped. Not thread-safe: one owner at a time.
+class DeferredLog {
+  public:
+    static constexpr unsigned int CAPACITY = 8;
+    static constexpr unsigned int LINE_SIZE = 256;
+
+    DeferredLog() : mCount(0) {}
+    DeferredLog(const DeferredLog&) = delete;
+    DeferredLog& operator=(const DeferredLog&) = delete;
+    virtual ~DeferredLog() { flush(); }
+
+    void add(int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
+    // Logs the lines held, in order, and forgets them.
+    void flush();
+
+  private:
+    char mLines[CAPACITY][LINE_SIZE];
+    int mLevels[CAPACITY];
+    unsigned int mCount;
+};
+
+}  // namespace detail
+}  // namespace utl
+
 #endif  // UTL_LOG_H

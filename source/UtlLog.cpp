@@ -11,6 +11,7 @@
 #include <ctime>
 
 #include "UtlArray.h"
+#include "UtlLibraryLog.h"
 #include "UtlMemory.h"
 #include "UtlString.h"
 #include "UtlSync.h"
@@ -18,7 +19,6 @@
 namespace {
 
 constexpr int kFallbackType = -1;
-constexpr int kLibraryType = -2;
 constexpr int kMaxLevel = 5;
 constexpr int kUnknownLevel = 6;
 constexpr unsigned int kTagSize = 32;
@@ -40,7 +40,7 @@ class LogState {
         LogTypeData fallback = {4, ""};
         LogTypeData library = {4, "<UTIL> "};
         mTable.insert(kFallbackType, fallback);
-        mTable.insert(kLibraryType, library);
+        mTable.insert(utl::detail::LOG_TYPE_UTL, library);
     }
 
     utl::SyncObject mTableLock;
@@ -293,5 +293,30 @@ bool setLogTag(const char* tag) {
     utl::SyncGuard guard(s.mOutputLock);
     return utl::copyStrBase(s.mProcessTag, kTagSize, tag, ~0u, 0) != ~0u;
 }
+
+namespace utl {
+namespace detail {
+
+void DeferredLog::add(int level, const char* format, ...) {
+    if (mCount == CAPACITY) {
+        return;
+    }
+    va_list args;
+    va_start(args, format);
+    vsnprintf(mLines[mCount], LINE_SIZE, format, args);
+    va_end(args);
+    mLevels[mCount] = level;
+    ++mCount;
+}
+
+void DeferredLog::flush() {
+    for (unsigned int i = 0; i < mCount; ++i) {
+        applog(LOG_TYPE_UTL, mLevels[i], "%s", mLines[i]);
+    }
+    mCount = 0;
+}
+
+}  // namespace detail
+}  // namespace utl
 
 __attribute__((weak)) void BinaryLogWrite(int, const char*, unsigned int) {}

@@ -5,17 +5,9 @@
 #include <cinttypes>
 #include <new>
 
-#include "UtlLog.h"
+#include "UtlLibraryLog.h"
 
 namespace utl {
-
-namespace {
-
-// The library's own log type and the error level.
-constexpr int LOG_TYPE_UTL = -2;
-constexpr int LEVEL_ERROR = 1;
-
-}  // namespace
 
 RefCounter::~RefCounter() = default;
 
@@ -33,7 +25,7 @@ namespace detail {
 RefCounter* newRefCounter(const char* where) {
     RefCounter* counter = new (std::nothrow) RefCounter;
     if (counter == nullptr) {
-        applog(LOG_TYPE_UTL, LEVEL_ERROR, "new RefCounter failed in %s", where);
+        UTL_LOG(LEVEL_ERROR, "new RefCounter failed in %s", where);
         return nullptr;
     }
     // Raised under the lock like every later change, although no other thread can see it yet.
@@ -42,8 +34,7 @@ RefCounter* newRefCounter(const char* where) {
 }
 
 void logNegativeCount(int32_t count, const char* holderClass) {
-    applog(LOG_TYPE_UTL, LEVEL_ERROR, "lRefCount(%" PRId32 ") < 0 in %s::release()", count,
-           holderClass);
+    UTL_LOG(LEVEL_ERROR, "lRefCount(%" PRId32 ") < 0 in %s::release()", count, holderClass);
 }
 
 }  // namespace detail

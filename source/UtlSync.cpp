@@ -3,13 +3,10 @@
 #include <cerrno>
 #include <ctime>
 
-#include "UtlLog.h"
+#include "UtlLibraryLog.h"
 #include "UtlTimeCounter.h"
 
 namespace {
-
-constexpr int kLibraryLogType = -2;
-constexpr int kDetailLevel = 4;
 
 void initMonotonicCondition(pthread_cond_t& condition) {
     pthread_condattr_t attributes;
@@ -182,10 +179,10 @@ int Event::waitFor(const bool& state, uint32_t& waiters, pthread_cond_t& conditi
                 break;
             }
             remaining -= waited;
-            applog(kLibraryLogType, kDetailLevel,
-                   "Wait OK, but Status(%s)=false.  Timeout=%umsec Waited=%umsec Retry wait "
-                   "%umsec after",
-                   stateName, timeoutMsec, waited, remaining);
+            UTL_LOG(LEVEL_DETAIL,
+                    "Wait OK, but Status(%s)=false.  Timeout=%umsec Waited=%umsec Retry wait "
+                    "%umsec after",
+                    stateName, timeoutMsec, waited, remaining);
         }
     }
 

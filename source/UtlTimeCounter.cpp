@@ -4,14 +4,12 @@
 #include <ctime>
 
 #include "UtlArray.h"
-#include "UtlLog.h"
+#include "UtlLibraryLog.h"
 #include "UtlMemory.h"
 #include "UtlSync.h"
 
 namespace {
 
-constexpr int kLibraryLogType = -2;
-constexpr int kErrorLevel = 1;
 constexpr uint32_t kInvalidTime = ~0u;
 constexpr unsigned int kMaxCounterIds = 50;
 
@@ -44,8 +42,8 @@ TimeCounter::~TimeCounter() = default;
 uint32_t TimeCounter::getTickTime() {
     timespec now = {};
     if (clock_gettime(CLOCK_MONOTONIC, &now) != 0) {
-        applog(kLibraryLogType, kErrorLevel,
-               "[CAUTION!!!]clock_gettime() Failed. CLOCK_MONOTONIC. errno:[%d]", errno);
+        UTL_LOG(LEVEL_ERROR, "[CAUTION!!!]clock_gettime() Failed. CLOCK_MONOTONIC. errno:[%d]",
+                errno);
         return kInvalidTime;
     }
     // Unsigned 32-bit arithmetic on purpose: the tick wraps, and differences taken modulo 2^32
@@ -58,7 +56,7 @@ bool TimeCounter::start() {
     // counter running on an invalid start tick. Deliberate; the header says so.
     mStartTime = getTickTime();
     if (mStartTime == kInvalidTime) {
-        applog(kLibraryLogType, kErrorLevel, "TimeCounter::start() Failed.");
+        UTL_LOG(LEVEL_ERROR, "TimeCounter::start() Failed.");
         return false;
     }
     mHasStarted = 1;
@@ -70,9 +68,8 @@ uint32_t TimeCounter::watch() const {
     if (mHasStarted != 0 && now != kInvalidTime) {
         return getElapsedTime(mStartTime, now);
     }
-    applog(kLibraryLogType, kErrorLevel,
-           "TimeCounter::watch()/stop() Failed. HasStarted:[%s], TickTime:[%u]",
-           mHasStarted != 0 ? "On" : "Off", now);
+    UTL_LOG(LEVEL_ERROR, "TimeCounter::watch()/stop() Failed. HasStarted:[%s], TickTime:[%u]",
+            mHasStarted != 0 ? "On" : "Off", now);
     return kInvalidTime;
 }
 
@@ -88,15 +85,14 @@ bool TimeCounter::start(unsigned int id) {
     CounterIds& ids = counterIds();
     SyncGuard guard(ids.mLock);
     if (!ids.mMap.insert(id, 0)) {
-        applog(kLibraryLogType, kErrorLevel,
-               "TimeCounter::start(ID) Failed. InsertMap Error. CounterId:[%u]", id);
+        UTL_LOG(LEVEL_ERROR, "TimeCounter::start(ID) Failed. InsertMap Error. CounterId:[%u]", id);
         return false;
     }
     const unsigned int pos = ids.mMap.findPosition(id);
     if (pos >= ids.mMap.getCount() || ids.mMap.getAt(pos).mKey != id) {
-        applog(kLibraryLogType, kErrorLevel,
-               "TimeCounter::start(ID) Failed. Specified Key's Position Notfound. CounterId:[%u]",
-               id);
+        UTL_LOG(LEVEL_ERROR,
+                "TimeCounter::start(ID) Failed. Specified Key's Position Notfound. CounterId:[%u]",
+                id);
         ids.mMap.erase(id);
         return false;
     }
@@ -104,8 +100,8 @@ bool TimeCounter::start(unsigned int id) {
     unsigned int& begin = ids.mMap.getAt(pos).mValue;
     begin = getTickTime();
     if (begin == kInvalidTime) {
-        applog(kLibraryLogType, kErrorLevel,
-               "TimeCounter::start(ID) Failed. TickTime is Invalid. CounterId:[%u]", id);
+        UTL_LOG(LEVEL_ERROR, "TimeCounter::start(ID) Failed. TickTime is Invalid. CounterId:[%u]",
+                id);
         ids.mMap.erase(id);
         return false;
     }
@@ -120,16 +116,15 @@ uint32_t TimeCounter::watch(unsigned int id) {
     SyncGuard guard(ids.mLock);
     const unsigned int pos = ids.mMap.findPosition(id);
     if (pos >= ids.mMap.getCount() || ids.mMap.getAt(pos).mKey != id) {
-        applog(kLibraryLogType, kErrorLevel,
-               "TimeCounter::Failed. Key Not Applicable. CounterId:[%u]", id);
+        UTL_LOG(LEVEL_ERROR, "TimeCounter::Failed. Key Not Applicable. CounterId:[%u]", id);
         return kInvalidTime;
     }
     const uint32_t begin = ids.mMap.getAt(pos).mValue;
     if (begin != kInvalidTime && now != kInvalidTime) {
         return getElapsedTime(begin, now);
     }
-    applog(kLibraryLogType, kErrorLevel,
-           "TimeCounter::watch(ID)/stop(ID) Failed. StartTime:[%u], TickTime:[%u]", begin, now);
+    UTL_LOG(LEVEL_ERROR, "TimeCounter::watch(ID)/stop(ID) Failed. StartTime:[%u], TickTime:[%u]",
+            begin, now);
     return kInvalidTime;
 }
 

@@ -1,6 +1,17 @@
 #include "UtlMemory.h"
 
 #include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "LogCapture.h"
+#include "UtlThreadManager.h"
 
 namespace {
 
@@ -26,6 +37,248 @@ TEST(MemoryTest, HelpersMatchTheCFunctionsAndIgnoreNullPointers) {
     EXPECT_TRUE(utl::compareMemory(bytes, filled, 8));
     EXPECT_FALSE(utl::compareMemory(nullptr, bytes, 0));
     EXPECT_FALSE(utl::compareMemory(bytes, nullptr, 0));
+}
+
+}  // namespace
+
+namespace utl {
+
+// Reads the totals and the table of the heap-accounting object.
+class MemoryTestAccess {
+  public:
+    static Memory::ProcessHeapInfo totals(const Memory& m) { return m.mProcessHeapInfo; }
+    static uint32_t count(const Memory& m) { return m.mDetailHeapCount; }
+    static const Memory::DetailHeapInfo& slot(const Memory& m) { return m.mDetailHeapInfo[0]; }
+    static uint64_t nextSerial(const Memory& m) { return m.mNextSerial; }
+    static uint64_t markedSerial(const Memory& m) { return m.mMarkedSerial; }
+};
+
+}  // namespace utl
+
+namespace {
+
+using utl::Memory;
+using Access = utl::MemoryTestAccess;
+constexpr int ALLOC = Memory::KIND_ALLOCATION;
+constexpr int RELEASE = Memory::KIND_RELEASE;
+
+void* at(uintptr_t address) {
+    return reinterpret_cast<void*>(address);
+}
+
+// "use bytes/use count/max bytes/max count"
+std::string totals(const Memory& memory) {
+    const Memory::ProcessHeapInfo t = Access::totals(memory);
+    return std::to_string(t.mUseBytes) + "/" + std::to_string(t.mUseCount) + "/" +
+           std::to_string(t.mMaxBytes) + "/" + std::to_string(t.mMaxCount);
+}
+
+std::string callerId() {
+    char text[16];
+    std::snprintf(text, sizeof text, "%10d", utl::ThreadManager::getCallerId());
+    return text;
+}
+
+// A temporary file; with `onFd0`, descriptor 0 goes to it while this exists.
+class TempFile {
+  public:
+    explicit TempFile(bool onFd0 = false) : mFile(std::tmpfile()), mSaved(onFd0 ? dup(0) : -2) {
+        EXPECT_NE(nullptr, mFile);
+        if (onFd0) {
+            EXPECT_EQ(0, dup2(fileno(mFile), 0));
+        }
+    }
+    ~TempFile() {
+        if (mSaved >= 0) {
+            dup2(mSaved, 0);
+            close(mSaved);
+        } else if (mSaved == -1) {
+            close(0);  // it was closed before
+        }
+        std::fclose(mFile);
+    }
+
+    int descriptor() const { return fileno(mFile); }
+    std::string text() const {
+        std::string result;
+        char buffer[4096];
+        ssize_t n;
+        while ((n = pread(descriptor(), buffer, sizeof buffer, result.size())) > 0) {
+            result.append(buffer, static_cast<std::size_t>(n));
+        }
+        return result;
+    }
+
+  private:
+    std::FILE* mFile;
+    int mSaved;  // descriptor 0 as it was; -2 when not captured
+};
+
+// Every test starts from a fresh object and leaves none behind.
+class HeapAccountingTest : public ::testing::Test {
+  protected:
+    void SetUp() override { renew(); }
+    void TearDown() override { Memory::destroy(); }
+    void renew() {
+        Memory::destroy();
+        memory = Memory::get();
+        ASSERT_NE(nullptr, memory);
+    }
+
+    Memory* memory = nullptr;
+};
+
+TEST_F(HeapAccountingTest, OneObjectForAllThreadsAndAFreshOneAfterDestroy) {
+    Memory* seen[4] = {};
+    std::vector<std::thread> threads;
+    for (Memory*& slot : seen) {
+        threads.emplace_back([&slot] { slot = Memory::get(); });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    for (Memory* object : seen) {
+        EXPECT_EQ(memory, object);
+    }
+
+    memory->updateManagement(ALLOC, at(0x1000), 10, 0, 1);
+    memory->registerThreadName(7, "seven");
+    memory->mark();
+    Memory::destroy();
+    renew();
+    EXPECT_EQ(0u, Access::count(*memory));
+    EXPECT_EQ("0/0/0/0", totals(*memory));
+    EXPECT_EQ(1u, Access::nextSerial(*memory));
+    EXPECT_EQ(0u, Access::markedSerial(*memory));
+    EXPECT_STREQ("", memory->getThreadName(7));
+}
+
+TEST_F(HeapAccountingTest, AllocationIsRecordedAndASecondOneRefusedWithTheOverMessage) {
+    TempFile fd0(true);
+    memory->updateManagement(ALLOC, at(0x1234), 100, 7, 41);
+    const Memory::DetailHeapInfo& record = Access::slot(*memory);
+    EXPECT_TRUE(record.mSerial == 1 && record.mAddress == 0x1234 && record.mUseBytes == 100 &&
+                record.mThreadId == utl::ThreadManager::getCallerId() && record.mFileId == 7 &&
+                record.mLine == 41);
+    EXPECT_EQ("", fd0.text());
+
+    memory->updateManagement(ALLOC, at(0x5678), 200, 3, 42);
+    EXPECT_EQ(
+        "!!!! DetailHeapInfo management over on allocation\n"
+        "MaxCount:1, Address:0x00005678, UseBytes:       200, ThreadId:" +
+            callerId() + ", Line:      42, File:, \n",
+        fd0.text());
+    EXPECT_EQ(1u, Access::count(*memory));
+    EXPECT_EQ(0x1234u, record.mAddress);
+    EXPECT_EQ("100/1/100/1", totals(*memory));
+    memory->mark();
+    EXPECT_EQ(2u, Access::markedSerial(*memory)) << "a refused allocation takes no serial";
+}
+
+TEST_F(HeapAccountingTest, ReleaseRemovesTheRecordAndLowersTotalsWhilePeaksStay) {
+    TempFile fd0(true);
+    memory->updateManagement(ALLOC, at(0x1234), 100, 5, 1);
+    memory->updateManagement(RELEASE, at(0x1234), 0, 0, 2);
+    EXPECT_EQ(0u, Access::count(*memory));
+    const Memory::DetailHeapInfo& slot = Access::slot(*memory);
+    EXPECT_TRUE(slot.mSerial == 0 && slot.mAddress == 0 && slot.mUseBytes == 0 &&
+                slot.mThreadId == 0 && slot.mFileId == 0 && slot.mLine == 0)
+        << "the vacated slot is cleared";
+    EXPECT_EQ("0/0/100/1", totals(*memory));
+
+    memory->updateManagement(ALLOC, at(0x2000), 40, 0, 3);
+    EXPECT_EQ("40/1/100/1", totals(*memory));
+    memory->updateManagement(-5, at(0x2000), 0, 0, 4);  // any kind but 0 releases
+    memory->updateManagement(ALLOC, at(0x3000), 300, 0, 5);
+    EXPECT_EQ("300/1/300/1", totals(*memory));
+    EXPECT_EQ(3u, slot.mSerial);
+    EXPECT_EQ("", fd0.text());
+}
+
+TEST_F(HeapAccountingTest, ReleaseOfAnUnrecordedAddressPrintsTheFramedMessage) {
+    const std::string frame = std::string(67, '!') + "\n";
+    const std::string framed = frame +
+                               "!!!! DetailHeapInfo release address is not in under management\n"
+                               "Address:0x0000abcd, ThreadId:" +
+                               callerId() + ", Line:      42, File:, \n" + frame;
+    const struct {
+        uintptr_t held;  // 0: nothing recorded
+        uintptr_t released;
+        std::string expected;
+    } cases[] = {{0, 0xabcd, framed}, {0xabce, 0xabcd, framed}, {0xabce, 0, ""}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "held " << c.held << ", released " << c.released);
+        renew();
+        if (c.held != 0) {
+            memory->updateManagement(ALLOC, at(c.held), 8, 0, 1);
+        }
+        TempFile fd0(true);
+        memory->updateManagement(RELEASE, at(c.released), 0, 0, 42);
+        EXPECT_EQ(c.expected, fd0.text());
+        EXPECT_EQ(c.held != 0 ? "8/1/8/1" : "0/0/0/0", totals(*memory));
+    }
+}
+
+TEST_F(HeapAccountingTest, ThreadNameTableKeepsTheFirstValidRegistration) {
+    LogCapture log;
+    const std::string name127(127, 'n');
+    memory->registerThreadName(0, "zero");
+    memory->registerThreadName(5, nullptr);
+    memory->registerThreadName(5, "");
+    memory->registerThreadName(5, (name127 + "x").c_str());
+    EXPECT_STREQ("", memory->getThreadName(5)) << "a name that does not fit is refused, not cut";
+    EXPECT_TRUE(log.contains("Memory::registerThreadName() Failed"));
+
+    memory->registerThreadName(5, name127.c_str());
+    memory->registerThreadName(6, "six");
+    memory->registerThreadName(5, (name127 + "x").c_str());
+    memory->registerThreadName(5, "renamed");
+    EXPECT_EQ(name127, memory->getThreadName(5));
+    EXPECT_STREQ("", memory->getThreadName(6));
+    EXPECT_STREQ("", memory->getThreadName(0));
+}
+
+TEST_F(HeapAccountingTest, PrintMessageWritesOnlyTextsShorterThanItsBuffer) {
+    const std::string fits(1023, 'a');
+    const struct {
+        bool toFile;  // false: descriptor -1
+        std::string text;
+        std::string expected;
+    } cases[] = {{true, fits, fits}, {true, fits + "b", ""}, {false, "text", ""}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.text.size() << " bytes, to file " << c.toFile);
+        TempFile out;
+        memory->printMessage(1, c.toFile ? out.descriptor() : -1, "%s", c.text.c_str());
+        EXPECT_EQ(c.expected, out.text());
+    }
+    TempFile out;
+    memory->printMessage(1, out.descriptor(), "%s=%d%%\n", "load", 42);
+    EXPECT_EQ("load=42%\n", out.text());
+}
+
+TEST_F(HeapAccountingTest, ReportsAreDisabled) {
+    char directory[] = "/tmp/utl-memory-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(directory));
+    const std::string path = std::string(directory) + "/sub/report.txt";
+    memory->updateManagement(ALLOC, at(0x1234), 100, 0, 1);
+    TempFile fd0(true);
+
+    EXPECT_FALSE(Memory::enabledHeapManagement());
+    EXPECT_TRUE(memory->printUsedHeap(1, path.c_str()));
+    EXPECT_TRUE(memory->printUsedHeapDetail(1, path.c_str()));
+    EXPECT_TRUE(memory->printMarkedHeapDetail(1, path.c_str())) << "even with no mark set";
+    memory->printGlobalMemoryStatus(path.c_str());
+    EXPECT_EQ(0, rmdir(directory)) << "nothing was made in it";
+
+    Memory::ProcessHeapInfo info = {11, 22, 33, 44};
+    EXPECT_TRUE(memory->getUsedHeapOfProcess(&info));
+    EXPECT_TRUE(info.mUseBytes == 11 && info.mUseCount == 22 && info.mMaxBytes == 33 &&
+                info.mMaxCount == 44);
+    EXPECT_EQ(-1, memory->getFileId(path.c_str()));
+    EXPECT_STREQ("", memory->getFileName(0));
+    EXPECT_FALSE(memory->resetUsedHeap());
+    EXPECT_EQ("100/1/100/1", totals(*memory));
+    EXPECT_EQ("", fd0.text());
 }
 
 }  // namespace

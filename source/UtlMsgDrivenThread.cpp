@@ -1,0 +1,1393 @@
+#include "UtlMsgDrivenThread.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <new>
+
+#include "UtlLibraryLog.h"
+#include "UtlThreadWatchdog.h"
+#include "UtlTimerSignal.h"
+
+namespace utl {
+
+// ---- Timer signals
+
+namespace detail {
+
+namespace {
+
+constexpr int32_t kTimerSignalToken = static_cast<int32_t>(0x80000013);
+constexpr unsigned int kMaxTimerSignals = 2;
+
+// The timer signals of the process, registered by their constructors during static
+// initialisation and read by the handler.
+TimerSignal* gTimerSignals[kMaxTimerSignals] = {};
+
+struct RecordPool {
+    SyncObject mLock;
+    TimerSignalRecord* mFree = nullptr;  // Guarded by mLock.
+};
+
+RecordPool& recordPool() {
+    return immortalInstance<RecordPool>();
+}
+
+}  // namespace
+
+TimerSignal::TimerSignal(int offsetFromRtMin)
+    : mSignal(SIGRTMIN + offsetFromRtMin),
+      mInstalled(false),
+      mFailures(0),
+      mReported(0),
+      mFailedResult(0),
+      mFailedErrno(0),
+      mFailedNumber(0),
+      mFailedFd(-1) {
+    for (TimerSignal*& slot : gTimerSignals) {
+        if (slot == nullptr) {
+            slot = this;
+            break;
+        }
+    }
+}
+
+bool TimerSignal::install() {
+    SyncGuard guard(mInstallLock);
+    if (mInstalled) {
+        return true;
+    }
+    struct sigaction action = {};
+    action.sa_sigaction = handle;
+    action.sa_flags = SA_SIGINFO | SA_RESTART;
+    sigemptyset(&action.sa_mask);
+    mInstalled = sigaction(mSignal, &action, nullptr) == 0;
+    return mInstalled;
+}
+
+bool TimerSignal::takeWriteFailure(WriteFailure* out) {
+    uint32_t reported = mReported.load(std::memory_order_relaxed);
+    const uint32_t failures = mFailures.load(std::memory_order_acquire);
+    if (failures == reported ||
+        !mReported.compare_exchange_strong(reported, failures, std::memory_order_relaxed)) {
+        return false;
+    }
+    out->mResult = mFailedResult.load(std::memory_order_relaxed);
+    out->mErrno = mFailedErrno.load(std::memory_order_relaxed);
+    out->mNumber = mFailedNumber.load(std::memory_order_relaxed);
+    out->mFd = mFailedFd.load(std::memory_order_relaxed);
+    return true;
+}
+
+bool TimerSignal::createTimer(TimerSignalRecord* record, timer_t* timer) const {
+    sigevent event = {};
+    event.sigev_notify = SIGEV_SIGNAL;
+    event.sigev_signo = mSignal;
+    event.sigev_value.sival_ptr = record;
+    return timer_create(CLOCK_MONOTONIC, &event, timer) == 0;
+}
+
+// static
+bool TimerSignal::armTimer(timer_t timer, int32_t intervalMsec) {
+    const timespec period = {static_cast<time_t>(intervalMsec / 1000),
+                             static_cast<long>(intervalMsec % 1000) * 1000000L};
+    const itimerspec spec = {period, period};
+    return timer_settime(timer, 0, &spec, nullptr) == 0;
+}
+
+// static
+TimerSignalRecord* TimerSignal::acquireRecord() {
+    RecordPool& pool = recordPool();
+    {
+        SyncGuard guard(pool.mLock);
+        if (TimerSignalRecord* record = pool.mFree) {
+            pool.mFree = record->mNextFree;
+            record->mNextFree = nullptr;
+            return record;
+        }
+    }
+    return new (std::nothrow) TimerSignalRecord;
+}
+
+// static
+void TimerSignal::releaseRecord(TimerSignalRecord* record) {
+    if (record == nullptr) {
+        return;
+    }
+    record->mFd.store(-1);
+    record->mNumber.store(0);
+    RecordPool& pool = recordPool();
+    SyncGuard guard(pool.mLock);
+    record->mNextFree = pool.mFree;
+    pool.mFree = record;
+}
+
+// static
+void TimerSignal::handle(int signal, siginfo_t* info, void*) {
+    const int savedErrno = errno;
+    const TimerSignalRecord* record = static_cast<TimerSignalRecord*>(info->si_value.sival_ptr);
+    if (record != nullptr) {
+        const int32_t fd = record->mFd.load(std::memory_order_relaxed);
+        const int32_t token[2] = {kTimerSignalToken, record->mNumber.load()};
+        const ssize_t written = fd >= 0 ? write(fd, token, sizeof token) : 0;
+        if (fd >= 0 && written != static_cast<ssize_t>(sizeof token)) {
+            for (TimerSignal* timerSignal : gTimerSignals) {
+                if (timerSignal != nullptr && timerSignal->mSignal == signal) {
+                    timerSignal->mFailedResult.store(static_cast<int32_t>(written));
+                    timerSignal->mFailedErrno.store(errno);
+                    timerSignal->mFailedNumber.store(token[1]);
+                    timerSignal->mFailedFd.store(fd);
+                    timerSignal->mFailures.fetch_add(1, std::memory_order_release);
+                }
+            }
+        }
+    }
+    errno = savedErrno;
+}
+
+TimerSignal& loopTimerSignal() {
+    static TimerSignal instance(2);
+    return instance;
+}
+
+namespace {
+[[maybe_unused]] const TimerSignal& kLoopTimerSignalAtLoad = loopTimerSignal();
+}  // namespace
+
+}  // namespace detail
+
+// ---- Message loop
+
+namespace {
+
+constexpr const char* kSource = "source/UtlMsgDrivenThread";
+constexpr unsigned int kIdSize = 4;
+constexpr unsigned int kExtraCtlEntries = 256;
+constexpr int kNoTimer = -1;
+
+using Token = MsgDrivenThread::ThreadCtlMsg;
+static_assert(sizeof(int32_t) * 2 == 8, "a token is 8 bytes");
+
+// Whether a control entry owns a slot of the data queue.
+bool hasData(int msgId) {
+    switch (msgId) {
+        case MsgDrivenThread::MSG_ID_NONE:
+        case MsgDrivenThread::MSG_ID_WILDCARD:
+        case MsgDrivenThread::MSG_ID_WAKE_UP:
+        case MsgDrivenThread::MSG_ID_SYNC:
+        case MsgDrivenThread::MSG_ID_START_TIMER:
+        case MsgDrivenThread::MSG_ID_STOP_TIMER:
+        case MsgDrivenThread::MSG_ID_TIMEOUT:
+        case MsgDrivenThread::MSG_ID_STOP:
+        case MsgDrivenThread::MSG_ID_TIMER_SIGNAL:
+            return false;
+        default:
+            return true;
+    }
+}
+
+// Sizes are computed in 64 bits and saturate, so that absurd arguments give a queue that cannot
+// be allocated (and refuses everything) instead of a small one.
+unsigned int saturatedProduct(uint64_t a, uint64_t b) {
+    const uint64_t product = a * b;
+    return product > UINT_MAX ? UINT_MAX : static_cast<unsigned int>(product);
+}
+
+unsigned int slotSize(unsigned int maxMsgSize) {
+    return saturatedProduct(uint64_t(maxMsgSize) + kIdSize, 1);
+}
+
+// Waits without limit until `event` is off (an unlimited Event wait may end on a spurious wake).
+void awaitOff(const Event& event) {
+    while (event.isOn()) {
+        event.waitToOff(0);
+    }
+}
+
+}  // namespace
+
+bool MsgDrivenThread::JudgeMsgSpecifiedMsgId::judge(ThreadRawMsg& msg) const {
+    if (mMsgId == MSG_ID_WILDCARD) {
+        return true;
+    }
+    int msgId = MSG_ID_NONE;
+    return msg.getMsgId(&msgId) && msgId == mMsgId;
+}
+
+TimerInfo::TimerInfo()
+    : mReserved(nullptr),
+      mTimer(),
+      mSysTimerNumber(-1),
+      mSignalRecord(nullptr),
+      mInterval(0),
+      mCountLimit(0),
+      mExpiryCount(0),
+      mRunOn(0),
+      mRunning(),
+      mPending(0) {}
+
+MsgDrivenThread::MsgDrivenThread(unsigned int maxMsgSize, unsigned int maxMsgCount,
+                                 const char* name, unsigned int maxTimerCount)
+    : Thread(name, nullptr),
+      mListener(nullptr),
+      mMaxMsgCount(maxMsgCount),
+      mCtlQueue(saturatedProduct(uint64_t(maxMsgCount) + kExtraCtlEntries, 1)),
+      mDataQueue(saturatedProduct(slotSize(maxMsgSize), maxMsgCount)),
+      mDataQueueOverflow(false),
+      mInterruptQueue(slotSize(maxMsgSize)),
+      mSendBuffer(slotSize(maxMsgSize)),
+      mReceiveBuffer(slotSize(maxMsgSize)),
+      mWorkBuffer(slotSize(maxMsgSize)),
+      mPeekOutput(nullptr),
+      mInterruptEvent(0, Event::TWO_WAY),
+      mSyncEvent(0, Event::TWO_WAY),
+      mEraseEvent(0, Event::TWO_WAY),
+      mFindEvent(0, Event::TWO_WAY),
+      mTimerStartEvent(0, Event::TWO_WAY),
+      mSyncResult(false),
+      mInterruptResult(false),
+      mEraseResult(false),
+      mFindResult(false),
+      mTimers(maxTimerCount, 0),
+      mStopEntries(maxTimerCount, 0),
+      mNextUserTimerId(1),
+      mNextSysTimerNumber(1),
+      mAwaitedTimerStart(kNoTimer),
+      mEraseJudgement(nullptr),
+      mFindJudgement(nullptr),
+      mReadFd(-1),
+      mWriteFd(-1),
+      mLoopState(NOT_STARTED),
+      mClosed(false) {
+    int fds[2] = {-1, -1};
+    if (pipe2(fds, O_CLOEXEC) != 0) {
+        UTL_LOG(LEVEL_ERROR, "MsgDrivenThread(%s) pipe errno:%d", getName(), errno);
+    } else {
+        mReadFd = fds[0];
+        mWriteFd = fds[1];
+        // A full pipe must make a write fail rather than block: the timer signal handler writes
+        // here on whatever thread the signal hits.
+        fcntl(mWriteFd, F_SETFL, fcntl(mWriteFd, F_GETFL) | O_NONBLOCK);
+    }
+    if (!detail::loopTimerSignal().install()) {
+        UTL_LOG(LEVEL_ERROR, "MsgDrivenThread sigaction  errno:%d", errno);
+    }
+}
+
+MsgDrivenThread::~MsgDrivenThread() {
+    if (hasDone(0) && !isCallerLoop()) {
+        stop(1, 0);
+    }
+    releaseAllTimers();
+    if (mReadFd >= 0) {
+        close(mReadFd);
+        close(mWriteFd);
+    }
+}
+
+bool MsgDrivenThread::isCallerLoop() const {
+    return getId() == ThreadManager::getCallerId();
+}
+
+bool MsgDrivenThread::acceptsRequests() const {
+    return mLoopState.load(std::memory_order_acquire) == RUNNING && !hasRequestedStop();
+}
+
+bool MsgDrivenThread::isLoopRunning() const {
+    return mLoopState.load(std::memory_order_acquire) == RUNNING;
+}
+
+int MsgDrivenThread::start(ThreadMsgListener* listener, int watchdog, unsigned int aliveTime,
+                           WatchdogTimerListener* watchdogListener, int waitMode,
+                           unsigned int waitTimeout, const ThreadPriority& priority,
+                           unsigned int reserved) {
+    if (isCallerLoop()) {
+        return -1;
+    }
+    SyncGuard guard(mSenderLock);
+    if (listener == nullptr || mListener != nullptr) {
+        return -1;
+    }
+    mListener = listener;
+    // Running from here on, so that requests made as soon as start() returns are queued.
+    mLoopState.store(RUNNING, std::memory_order_release);
+    const int result = Thread::start(watchdog, aliveTime, watchdogListener, waitMode, waitTimeout,
+                                     priority, reserved);
+    if (getId() == 0) {
+        mLoopState.store(ENDED, std::memory_order_release);
+    }
+    return result;
+}
+
+int MsgDrivenThread::stop(int waitMode, unsigned int timeout) {
+    if (isCallerLoop()) {
+        return -1;
+    }
+    SyncGuard guard(mSenderLock);
+    return Thread::stop(waitMode, timeout);
+}
+
+void MsgDrivenThread::requestStop() {
+    postThreadCtlMsg(MSG_ID_STOP, -1);
+}
+
+// ---- Sending
+
+bool MsgDrivenThread::postMsg(const Msg& msg) {
+    if (!acceptsRequests()) {
+        return false;
+    }
+    if (isCallerLoop()) {
+        return sendMsgAsync(msg);
+    }
+    SyncGuard guard(mSenderLock);
+    // Checked again: a stop may have been requested while this thread waited for the lock.
+    return acceptsRequests() && sendMsgAsync(msg);
+}
+
+bool MsgDrivenThread::postMsg(int msgId) {
+    return postMsg(SimpleMsg(msgId));
+}
+
+bool MsgDrivenThread::sendMsgAsync(const Msg& msg) {
+    detail::DeferredLog log;
+    SyncGuard guard(mQueueLock);
+    int msgId = MSG_ID_NONE;
+    if (!storeForSend(msg, &msgId, log) || !pushDataSlot(msgId, log)) {
+        return false;
+    }
+    if (!postLocked(msgId, -1, log)) {
+        mDataQueue.removeLast(mSendBuffer.maxSize());
+        return false;
+    }
+    return true;
+}
+
+bool MsgDrivenThread::sendMsgSync(const Msg& msg) {
+    return sendAndWait(msg, RECEIVE_SYNC);
+}
+
+bool MsgDrivenThread::sendMsgSync(int msgId) {
+    return sendMsgSync(SimpleMsg(msgId));
+}
+
+bool MsgDrivenThread::sendMsgInterrupt(const Msg& msg) {
+    return sendAndWait(msg, RECEIVE_INTERRUPT);
+}
+
+bool MsgDrivenThread::sendMsgInterrupt(int msgId) {
+    return sendMsgInterrupt(SimpleMsg(msgId));
+}
+
+// Synchronous and interrupt sends: the body is queued, the kind's event turned on and the token
+// written in one hold of the queue lock, so the loop never sees the event without its entry.
+bool MsgDrivenThread::sendAndWait(const Msg& msg, ReceiveKind kind) {
+    if (!acceptsRequests() || isCallerLoop()) {
+        return false;
+    }
+    const bool sync = kind == RECEIVE_SYNC;
+    SyncGuard kindGuard(sync ? mSyncLock : mInterruptLock);
+    Event& done = sync ? mSyncEvent : mInterruptEvent;
+    bool& result = sync ? mSyncResult : mInterruptResult;
+    result = false;
+    {
+        detail::DeferredLog log;
+        SyncGuard guard(mQueueLock);
+        int msgId = MSG_ID_NONE;
+        if (!storeForSend(msg, &msgId, log)) {
+            return false;
+        }
+        if (sync) {
+            if (!pushDataSlot(msgId, log)) {
+                return false;
+            }
+        } else {
+            mInterruptQueue.reset();
+            if (!mInterruptQueue.pushBlock(mSendBuffer.buffer(), mSendBuffer.maxSize())) {
+                return false;
+            }
+        }
+        done.setOn();
+        if (!postLocked(sync ? MSG_ID_SYNC : MSG_ID_WAKE_UP, -1, log)) {
+            done.setOff();
+            if (sync) {
+                mDataQueue.removeLast(mSendBuffer.maxSize());
+            } else {
+                mInterruptQueue.reset();
+            }
+            return false;
+        }
+    }
+    awaitOff(done);
+    return result;
+}
+
+bool MsgDrivenThread::storeForSend(const Msg& msg, int* msgId, detail::DeferredLog& log) {
+    const bool stored = msg.storeTo(&mSendBuffer);
+    // The id is written first, so it is there even when the body did not fit.
+    mSendBuffer.getMsgId(msgId);
+    if (!stored) {
+        log.add(detail::LEVEL_ERROR,
+                "MsgDrivenThread(%s) Overflow MsgSize  MaxSize(include MsgId):%d MsgId:0x%08x",
+                getName(), static_cast<int>(mSendBuffer.maxSize()),
+                static_cast<unsigned int>(*msgId));
+    }
+    return stored;
+}
+
+// A slot is always the whole send buffer, whatever the message used. A run of refusals logs one
+// error and then detail lines, until the loop takes a message off the data queue.
+bool MsgDrivenThread::pushDataSlot(int msgId, detail::DeferredLog& log) {
+    const unsigned int slot = mSendBuffer.maxSize();
+    if (mDataQueue.getCount() + uint64_t(slot) > mDataQueue.getCapacity()) {
+        log.add(mDataQueueOverflow ? detail::LEVEL_DETAIL : detail::LEVEL_ERROR,
+                "MsgDrivenThread(%s) Overflow MsgDataQueue  MaxCount:%d MsgId:0x%08x", getName(),
+                static_cast<int>(mMaxMsgCount), static_cast<unsigned int>(msgId));
+        mDataQueueOverflow = true;
+        return false;
+    }
+    return mDataQueue.pushBlock(mSendBuffer.buffer(), slot);
+}
+
+bool MsgDrivenThread::postThreadCtlMsg(int msgId, int param) {
+    detail::DeferredLog log;
+    SyncGuard guard(mQueueLock);
+    return postLocked(msgId, param, log);
+}
+
+// Entry and token go together under the queue lock, so tokens are in the order of the entries.
+// A token that cannot be written takes its entry back with it: an entry without a token would
+// sit at the front of the queue until some later token happened to carry its id.
+bool MsgDrivenThread::postLocked(int msgId, int param, detail::DeferredLog& log) {
+    if (mClosed) {
+        return false;
+    }
+    if (mCtlQueue.getCount() + uint64_t(1) > mCtlQueue.getCapacity()) {
+        log.add(detail::LEVEL_ERROR,
+                "MsgDrivenThread(%s) Overflow ThreadCtlMsgQueue  MaxCount:%d MsgId:0x%08x",
+                getName(), static_cast<int>(mCtlQueue.getCapacity()),
+                static_cast<unsigned int>(msgId));
+        return false;
+    }
+    mCtlQueue.push(ThreadCtlMsg(msgId, param));
+    const int32_t token[2] = {msgId, param};
+    const ssize_t written = write(mWriteFd, token, sizeof token);
+    if (written != static_cast<ssize_t>(sizeof token)) {
+        log.add(detail::LEVEL_ERROR,
+                "MsgDrivenThread(%s)::postThreadCtlMsg() Error. write Ret:%u errno:%d", getName(),
+                static_cast<unsigned int>(written), errno);
+        mCtlQueue.removeLast(1);
+        return false;
+    }
+    return true;
+}
+
+// ---- Searching and erasing
+
+bool MsgDrivenThread::hasMsg(int msgId) {
+    MsgJudgement<JudgeMsgSpecifiedMsgId> judgement{JudgeMsgSpecifiedMsgId(msgId)};
+    return hasMsgInternal(&judgement);
+}
+
+bool MsgDrivenThread::peekMsg(int msgId, ThreadRawMsg* out) {
+    MsgJudgement<JudgeMsgSpecifiedMsgId> judgement{JudgeMsgSpecifiedMsgId(msgId)};
+    return peekMsgInternal(&judgement, out);
+}
+
+bool MsgDrivenThread::eraseMsg(int msgId) {
+    MsgJudgement<JudgeMsgSpecifiedMsgId> judgement{JudgeMsgSpecifiedMsgId(msgId)};
+    return eraseMsgInternal(&judgement);
+}
+
+int MsgDrivenThread::getFirstMsgId() {
+    ThreadRawMsg first(kIdSize);
+    int msgId = MSG_ID_NONE;
+    if (!peekMsg(MSG_ID_WILDCARD, &first) || !first.getMsgId(&msgId)) {
+        return MSG_ID_NONE;
+    }
+    return msgId;
+}
+
+bool MsgDrivenThread::hasMsgInternal(MsgJudgementInterface* judgement) {
+    return requestSearch(judgement, nullptr, false);
+}
+
+bool MsgDrivenThread::peekMsgInternal(MsgJudgementInterface* judgement, ThreadRawMsg* out) {
+    return out != nullptr && requestSearch(judgement, out, false);
+}
+
+bool MsgDrivenThread::eraseMsgInternal(MsgJudgementInterface* judgement) {
+    return requestSearch(judgement, nullptr, true);
+}
+
+// The loop thread searches its own queue at once; other threads hand the judgement to the loop
+// and wait. The erase result is preset to true: an erase that the loop abandons at its end
+// reports success.
+bool MsgDrivenThread::requestSearch(MsgJudgementInterface* judgement, ThreadRawMsg* out,
+                                    bool erase) {
+    if (!isLoopRunning() || judgement == nullptr) {
+        return false;
+    }
+    if (isCallerLoop()) {
+        const bool result = erase ? executeEraseMsg(judgement) : executeFindMsg(judgement, out);
+        mLoopLog.flush();
+        return result;
+    }
+    SyncGuard kindGuard(erase ? mEraseLock : mFindLock);
+    Event& done = erase ? mEraseEvent : mFindEvent;
+    bool& result = erase ? mEraseResult : mFindResult;
+    {
+        detail::DeferredLog log;
+        SyncGuard guard(mQueueLock);
+        if (erase) {
+            mEraseJudgement = judgement;
+        } else {
+            mFindJudgement = judgement;
+            mPeekOutput = out;
+        }
+        result = erase;
+        done.setOn();
+        if (!postLocked(MSG_ID_WAKE_UP, -1, log)) {
+            mEraseJudgement = nullptr;
+            mFindJudgement = nullptr;
+            mPeekOutput = nullptr;
+            done.setOff();
+            return false;
+        }
+    }
+    awaitOff(done);
+    SyncGuard guard(mQueueLock);
+    mEraseJudgement = nullptr;
+    mFindJudgement = nullptr;
+    mPeekOutput = nullptr;
+    return result;
+}
+
+// Copies the slot at byte `offset` of the data queue (or what is left of it) into the work
+// buffer; false when nothing is there.
+bool MsgDrivenThread::copySlot(unsigned int offset) {
+    const unsigned int count = mDataQueue.getCount();
+    if (offset >= count) {
+        return false;
+    }
+    unsigned int length = count - offset;
+    if (length > mWorkBuffer.maxSize()) {
+        length = mWorkBuffer.maxSize();
+    }
+    unsigned char* buffer = mWorkBuffer.buffer();
+    for (unsigned int i = 0; i < length; ++i) {
+        buffer[i] = mDataQueue.at(offset + i);
+    }
+    return true;
+}
+
+bool MsgDrivenThread::storeTimerMsg(int timerId, ThreadRawMsg* raw) {
+    TimerMsg timer;
+    timer.setTimerId(timerId);
+    return timer.storeTo(raw);
+}
+
+bool MsgDrivenThread::executeFindMsg(MsgJudgementInterface* judgement, ThreadRawMsg* out) {
+    SyncGuard guard(mQueueLock);
+    if (judgement == nullptr || mCtlQueue.isEmpty()) {
+        return false;
+    }
+    const unsigned int slot = mSendBuffer.maxSize();
+    unsigned int offset = 0;
+    for (unsigned int i = 0; i < mCtlQueue.getCount(); ++i) {
+        const ThreadCtlMsg entry = mCtlQueue.at(i);
+        bool candidate = false;
+        if (entry.mMsgId == MSG_ID_TIMEOUT) {
+            candidate = storeTimerMsg(entry.mParam, &mWorkBuffer);
+            if (!candidate) {
+                mLoopLog.add(detail::LEVEL_ERROR,
+                             "MsgDrivenThread::executeFindMsg(): Can't store message. Line=%d",
+                             __LINE__);
+            }
+        } else if (entry.mMsgId == MSG_ID_SYNC || hasData(entry.mMsgId)) {
+            candidate = copySlot(offset);
+            offset += slot;
+            if (!candidate) {
+                mLoopLog.add(detail::LEVEL_ERROR,
+                             "MsgDrivenThread::executeFindMsg(): Peek Data Queue fail. Line=%d "
+                             "MsgId=%d",
+                             __LINE__, entry.mMsgId);
+            }
+        }
+        if (candidate && judgement->judge(mWorkBuffer)) {
+            if (out != nullptr) {
+                *out = mWorkBuffer;
+            }
+            return true;
+        }
+    }
+    return false;
+}
+
+// Erasing a timer expiry counts it as delivered; when that ends a timer with a count limit, the
+// walk stops to call onEraseTimer outside the queue lock (the hook may take locks of its own)
+// and then starts over, since the timer's other expiries have left the queue meanwhile.
+bool MsgDrivenThread::executeEraseMsg(MsgJudgementInterface* judgement) {
+    if (judgement == nullptr) {
+        return false;
+    }
+    for (;;) {
+        int endedTimer = kNoTimer;
+        EraseWalk walk = ERASE_DONE;
+        {
+            SyncGuard guard(mQueueLock);
+            walk = eraseWalk(judgement, &endedTimer);
+        }
+        if (walk != ERASE_TIMER_ENDED) {
+            return walk == ERASE_DONE;
+        }
+        mLoopLog.flush();
+        onEraseTimer(endedTimer);
+    }
+}
+
+MsgDrivenThread::EraseWalk MsgDrivenThread::eraseWalk(MsgJudgementInterface* judgement,
+                                                      int* endedTimer) {
+    const unsigned int slot = mSendBuffer.maxSize();
+    unsigned int offset = 0;
+    for (unsigned int i = 0; i < mCtlQueue.getCount();) {
+        const ThreadCtlMsg entry = mCtlQueue.at(i);
+        if (entry.mMsgId == MSG_ID_TIMEOUT) {
+            if (!storeTimerMsg(entry.mParam, &mWorkBuffer)) {
+                mLoopLog.add(detail::LEVEL_ERROR,
+                             "MsgDrivenThread::executeEraseMsg(): Can't store message. Line=%d",
+                             __LINE__);
+                return ERASE_FAILED;
+            }
+            if (!judgement->judge(mWorkBuffer)) {
+                ++i;
+                continue;
+            }
+            if (!mCtlQueue.eraseAt(i)) {
+                mLoopLog.add(detail::LEVEL_ERROR,
+                             "MsgDrivenThread::executeEraseMsg(): Erase Ctl Queue fail. Line=%d",
+                             __LINE__);
+                return ERASE_FAILED;
+            }
+            if (TimeoutPostHandling(entry.mParam) == 3) {
+                *endedTimer = entry.mParam;
+                return ERASE_TIMER_ENDED;
+            }
+        } else if (entry.mMsgId == MSG_ID_SYNC) {
+            if (!copySlot(offset)) {
+                mLoopLog.add(detail::LEVEL_ERROR,
+                             "MsgDrivenThread::executeEraseMsg(): Peek Data Queue fail. Line=%d",
+                             __LINE__);
+                return ERASE_FAILED;
+            }
+            if (!judgement->judge(mWorkBuffer)) {
+                ++i;
+                offset += slot;
+                continue;
+            }
+            if (!earseMsgQueue(i, offset, slot)) {
+                mLoopLog.add(detail::LEVEL_ERROR,
+                             "MsgDrivenThread::executeEraseMsg(): Erase Queue fail. Line=%d",
+                             __LINE__);
+                return ERASE_FAILED;
+            }
+            // The synchronous sender is released with its preset result, false.
+            mSyncEvent.setOff();
+        } else if (hasData(entry.mMsgId)) {
+            if (!copySlot(offset)) {
+                mLoopLog.add(detail::LEVEL_ERROR,
+                             "MsgDrivenThread::executeEraseMsg(): Peek Data Queue fail. Line=%d "
+                             "MsgId=%d",
+                             __LINE__, entry.mMsgId);
+                return ERASE_FAILED;
+            }
+            int dataId = MSG_ID_NONE;
+            if (!mWorkBuffer.getMsgId(&dataId)) {
+                mLoopLog.add(detail::LEVEL_ERROR,
+                             "MsgDrivenThread::executeEraseMsg(): Can't get message ID. Line=%d "
+                             "MsgId=%d",
+                             __LINE__, entry.mMsgId);
+                return ERASE_FAILED;
+            }
+            if (dataId != entry.mMsgId) {
+                mLoopLog.add(detail::LEVEL_ERROR,
+                             "MsgDrivenThread::executeEraseMsg(): Data Queue is different from "
+                             "Ctl Queue . Line=%d MsgId(Ctl)=%d MsgId(Data)=%d ",
+                             __LINE__, entry.mMsgId, dataId);
+                return ERASE_FAILED;
+            }
+            if (!judgement->judge(mWorkBuffer)) {
+                ++i;
+                offset += slot;
+                continue;
+            }
+            if (!earseMsgQueue(i, offset, slot)) {
+                mLoopLog.add(detail::LEVEL_ERROR,
+                             "MsgDrivenThread::executeEraseMsg(): erase Data Queue fail. Line=%d",
+                             __LINE__);
+                return ERASE_FAILED;
+            }
+        } else {
+            ++i;
+        }
+    }
+    return ERASE_DONE;
+}
+
+bool MsgDrivenThread::earseMsgQueue(unsigned int ctlIndex, unsigned int dataOffset,
+                                    unsigned int length) {
+    SyncGuard guard(mQueueLock);
+    const unsigned int dataCount = mDataQueue.getCount();
+    if (dataOffset >= dataCount || ctlIndex >= mCtlQueue.getCount()) {
+        return false;
+    }
+    mCtlQueue.eraseAt(ctlIndex);
+    mDataQueue.eraseRun(dataOffset,
+                        length < dataCount - dataOffset ? length : dataCount - dataOffset);
+    return true;
+}
+
+bool MsgDrivenThread::eraseMsgFromCtlQueue(int msgId) {
+    SyncGuard guard(mQueueLock);
+    for (unsigned int i = 0; i < mCtlQueue.getCount(); ++i) {
+        if (mCtlQueue.at(i).mMsgId == msgId) {
+            return mCtlQueue.eraseAt(i);
+        }
+    }
+    return false;
+}
+
+// ---- The loop
+
+unsigned int MsgDrivenThread::execute() {
+    int loopResult = 0;
+    for (;;) {
+        ThreadCtlMsg token;
+        if (!readToken(&token)) {
+            loopResult = -1;
+            break;
+        }
+        reportSignalWriteFailure();
+        if (token.mMsgId == MSG_ID_TIMER_SIGNAL) {
+            executeTimeoutSignal(toUserTimerId(token.mParam));
+            mLoopLog.flush();
+            continue;
+        }
+        ThreadCtlMsg front;
+        const bool dispatchable = selectFront(token, &front);
+        mLoopLog.flush();
+        if (!dispatchable) {
+            continue;
+        }
+        const int result = dispatch(front);
+        mLoopLog.flush();
+        keepAliveInLoop(__LINE__, 2);
+        if (result != 0) {
+            UTL_LOG(LEVEL_ERROR, "!!!!!!!! MsgDrivenThread(%s) Error. MsgId:0x%08x !!!!!!!!",
+                    getName(), static_cast<unsigned int>(front.mMsgId));
+        }
+        if (hasRequestedStop()) {
+            break;
+        }
+    }
+    closeLoop();
+    return static_cast<unsigned int>(loopResult);
+}
+
+void MsgDrivenThread::keepAliveInLoop(unsigned int line, unsigned int sub) {
+    if (mWatched) {
+        ThreadManager::get()->keepAliveWatchdog(StatementInfo(kSource, "execute", line, sub));
+    }
+}
+
+// A thread idle in its read is taken out of watching meanwhile, so that it is never taken for
+// hung.
+bool MsgDrivenThread::readToken(ThreadCtlMsg* token) {
+    ThreadManager* manager = ThreadManager::get();
+    for (;;) {
+        int32_t bytes[2] = {MSG_ID_NONE, -1};
+        mWatched = manager->isRegisteredWatchdog(getId());
+        keepAliveInLoop(__LINE__, 1);
+        if (mWatched) {
+            manager->stopWatchdog(getId());
+        }
+        const ssize_t got = read(mReadFd, bytes, sizeof bytes);
+        const int readErrno = errno;
+        if (mWatched) {
+            manager->startWatchdog(getId());
+        }
+        keepAliveInLoop(__LINE__, 2);
+        if (got == static_cast<ssize_t>(sizeof bytes)) {
+            *token = ThreadCtlMsg(bytes[0], bytes[1]);
+            return true;
+        }
+        if (readErrno != EINTR) {
+            UTL_LOG(LEVEL_ERROR,
+                    "MsgDrivenThread(%s) Error. read Ret:%u errno:%d !!Break msg loop!!", getName(),
+                    static_cast<unsigned int>(got), readErrno);
+            return false;
+        }
+        UTL_LOG(LEVEL_INFO, "MsgDrivenThread(%s) Error. read Ret:%u errno:%d=EINTR Retry read",
+                getName(), static_cast<unsigned int>(got), readErrno);
+    }
+}
+
+void MsgDrivenThread::reportSignalWriteFailure() {
+    detail::TimerSignal::WriteFailure failure = {};
+    if (detail::loopTimerSignal().takeWriteFailure(&failure)) {
+        UTL_LOG(LEVEL_ERROR,
+                "MsgDrivenThread::TimeoutSignalHandler() Error. write Ret:%u errno:%d "
+                "SysTimerNum=%d PIPE=%d",
+                static_cast<unsigned int>(failure.mResult), failure.mErrno, failure.mNumber,
+                failure.mFd);
+    }
+}
+
+bool MsgDrivenThread::peekFront(ThreadCtlMsg* front) {
+    SyncGuard guard(mQueueLock);
+    if (mCtlQueue.isEmpty()) {
+        return false;
+    }
+    *front = mCtlQueue.peek();
+    return true;
+}
+
+// Pending interrupt, erase and find requests go first, whatever the token. Then the front entry
+// is dispatched only when the token is its own (or carries its id): a token whose entry was
+// already handled or erased is passed over.
+bool MsgDrivenThread::selectFront(const ThreadCtlMsg& token, ThreadCtlMsg* front) {
+    if (!peekFront(front)) {
+        return false;
+    }
+    if (mInterruptEvent.isOn()) {
+        handleInterrupt();
+        // The interrupt's listener may have erased the front entry: look again.
+        if (!peekFront(front)) {
+            return false;
+        }
+    }
+    if (mEraseEvent.isOn()) {
+        mEraseResult = executeEraseMsg(mEraseJudgement);
+        finishRequest(mEraseEvent);
+        if (!peekFront(front)) {
+            return false;
+        }
+    }
+    if (mFindEvent.isOn()) {
+        mFindResult = executeFindMsg(mFindJudgement, mPeekOutput);
+        finishRequest(mFindEvent);
+    }
+    return front->mMsgId != MSG_ID_WAKE_UP && token.mMsgId == front->mMsgId;
+}
+
+void MsgDrivenThread::handleInterrupt() {
+    if (executeReceiveMsg(RECEIVE_INTERRUPT, MSG_ID_NONE) == 0) {
+        mInterruptResult = true;
+    }
+    finishRequest(mInterruptEvent);
+}
+
+// Takes the request's wake-up entry out of the queue and releases the requester.
+void MsgDrivenThread::finishRequest(Event& done) {
+    SyncGuard guard(mQueueLock);
+    eraseMsgFromCtlQueue(MSG_ID_WAKE_UP);
+    done.setOff();
+}
+
+int MsgDrivenThread::dispatch(const ThreadCtlMsg& front) {
+    switch (front.mMsgId) {
+        case MSG_ID_SYNC: {
+            const int result = executeReceiveMsg(RECEIVE_SYNC, MSG_ID_SYNC);
+            if (result == 0) {
+                mSyncResult = true;
+            }
+            mSyncEvent.setOff();
+            return result;
+        }
+        case MSG_ID_START_TIMER: {
+            const int started = executeStartTimer(front.mParam);
+            const bool removed = removeFront();
+            finishTimerStart(front.mParam);
+            return started != 0 && removed ? 0 : -1;
+        }
+        case MSG_ID_STOP_TIMER: {
+            const int result = executeStopTimer(front.mParam);
+            return removeFront() ? result : -1;
+        }
+        case MSG_ID_TIMEOUT:
+            return executeTimeout(front.mParam);
+        case MSG_ID_STOP:
+            return removeFront() ? 0 : -1;
+        default:
+            return executeReceiveMsg(RECEIVE_POSTED, front.mMsgId);
+    }
+}
+
+bool MsgDrivenThread::removeFront() {
+    SyncGuard guard(mQueueLock);
+    return mCtlQueue.pop();
+}
+
+// Delivery from a byte queue: the message is taken into the receive buffer under the queue lock
+// and handed to the listener after the lock is released. A posted message whose slot carries
+// another id than its control entry means the queues disagree: such slots are dropped (logged)
+// until the ids match again.
+int MsgDrivenThread::executeReceiveMsg(ReceiveKind kind, int msgId) {
+    for (;;) {
+        int dataId = MSG_ID_NONE;
+        {
+            SyncGuard guard(mQueueLock);
+            if (kind == RECEIVE_INTERRUPT) {
+                if (mInterruptQueue.isEmpty()) {
+                    return -1;
+                }
+                const unsigned int count = mInterruptQueue.getCount();
+                popSlot(mInterruptQueue,
+                        count < mReceiveBuffer.maxSize() ? count : mReceiveBuffer.maxSize());
+                break;
+            }
+            if (mCtlQueue.isEmpty() || mDataQueue.isEmpty()) {
+                return -1;
+            }
+            popSlot(mDataQueue, mReceiveBuffer.maxSize());
+            mDataQueueOverflow = false;
+            if (kind == RECEIVE_SYNC) {
+                mCtlQueue.pop();
+                break;
+            }
+            if (!mReceiveBuffer.getMsgId(&dataId)) {
+                return -1;
+            }
+            if (dataId == msgId) {
+                mCtlQueue.pop();
+                break;
+            }
+        }
+        UTL_LOG(LEVEL_ERROR,
+                "!!!!!!!! MsgDrivenThread(%s) MismatchedMsg... DataQueueMsgId:0x%08x "
+                "CtlMsgId:0x%08x Erased Data !!!!!!!!",
+                getName(), static_cast<unsigned int>(dataId), static_cast<unsigned int>(msgId));
+    }
+    deliver();
+    return 0;
+}
+
+void MsgDrivenThread::popSlot(Queue<unsigned char>& queue, unsigned int length) {
+    unsigned char* buffer = mReceiveBuffer.buffer();
+    for (unsigned int i = 0; i < length; ++i) {
+        queue.pop(&buffer[i]);
+    }
+}
+
+void MsgDrivenThread::deliver() {
+    mLoopLog.flush();
+    if (mListener != nullptr) {
+        mListener->receiveMsg(getId(), mReceiveBuffer);
+    }
+}
+
+// Waiters are released under the queue lock after it is closed: a requester that queued its
+// entry before the close is released here, and one that comes later is refused by postLocked.
+void MsgDrivenThread::closeLoop() {
+    eraseAllTimer();
+    mLoopLog.flush();
+    SyncGuard guard(mQueueLock);
+    mClosed = true;
+    mInterruptEvent.setOff();
+    mSyncEvent.setOff();
+    mEraseEvent.setOff();
+    mFindEvent.setOff();
+    mTimerStartEvent.setOff();
+    mLoopState.store(ENDED, std::memory_order_release);
+}
+
+// ---- Timers
+
+TimerInfo* MsgDrivenThread::findTimer(int timerId) {
+    Map<int, TimerInfo>::Entry* found = mTimers.find(timerId);
+    return found != nullptr ? &found->mValue : nullptr;
+}
+
+TimerInfo* MsgDrivenThread::findTimerStopEntry(int timerId) {
+    Map<int, TimerInfo>::Entry* found = mStopEntries.find(timerId);
+    return found != nullptr ? &found->mValue : nullptr;
+}
+
+int MsgDrivenThread::toUserTimerId(int sysTimerNumber) {
+    if (sysTimerNumber == -1) {
+        return -1;
+    }
+    SyncGuard guard(mQueueLock);
+    for (unsigned int i = 0; i < mTimers.getCount(); ++i) {
+        if (mTimers.getAt(i).mValue.mSysTimerNumber == sysTimerNumber) {
+            return mTimers.getAt(i).mKey;
+        }
+    }
+    return -1;
+}
+
+int MsgDrivenThread::registerTimer(unsigned int interval, unsigned int countLimit, int runOn) {
+    if (!acceptsRequests()) {
+        return kNoTimer;
+    }
+    TimerInfo info;
+    info.mInterval = static_cast<int32_t>(interval);
+    info.mCountLimit = countLimit;
+    info.mRunOn = runOn;
+    info.mRunning = CountingPointer<Event>(new (std::nothrow) Event(0, Event::TWO_WAY));
+    if (info.mRunning.isNull()) {
+        return kNoTimer;
+    }
+    SyncGuard guard(mQueueLock);
+    if (mTimers.getCount() >= mTimers.getMax()) {
+        return kNoTimer;
+    }
+    info.mSignalRecord = detail::TimerSignal::acquireRecord();
+    if (info.mSignalRecord == nullptr) {
+        return kNoTimer;
+    }
+    const int timerId = mNextUserTimerId;
+    if (!mTimers.insert(timerId, info)) {
+        detail::TimerSignal::releaseRecord(info.mSignalRecord);
+        return kNoTimer;
+    }
+    updateNextUserTimerIdValue();
+    return timerId;
+}
+
+int MsgDrivenThread::setTimer(unsigned int interval, int noWait, unsigned int countLimit,
+                              int runOn) {
+    const int timerId = registerTimer(interval, countLimit, runOn);
+    if (timerId == kNoTimer) {
+        return kNoTimer;
+    }
+    if (!startTimer(timerId, noWait)) {
+        SyncGuard guard(mQueueLock);
+        removeTimer(timerId);
+        return kNoTimer;
+    }
+    return timerId;
+}
+
+// From another thread the start travels as a control message; the caller, alone under the
+// sender lock, waits until the loop has handled that start (armed or failed).
+bool MsgDrivenThread::startTimer(int timerId, int noWait) {
+    if (!acceptsRequests()) {
+        return false;
+    }
+    if (isCallerLoop()) {
+        const int started = executeStartTimer(timerId);
+        mLoopLog.flush();
+        return started == 1 || started == 3;
+    }
+    SyncGuard senderGuard(mSenderLock);
+    CountingPointer<Event> running;
+    {
+        detail::DeferredLog log;
+        SyncGuard guard(mQueueLock);
+        TimerInfo* info = findTimer(timerId);
+        if (info == nullptr) {
+            return false;
+        }
+        running = info->mRunning;
+        if (noWait == 0) {
+            mAwaitedTimerStart = timerId;
+            mTimerStartEvent.setOn();
+        }
+        if (!postLocked(MSG_ID_START_TIMER, timerId, log)) {
+            mAwaitedTimerStart = kNoTimer;
+            mTimerStartEvent.setOff();
+            return false;
+        }
+    }
+    if (noWait != 0) {
+        return true;
+    }
+    awaitOff(mTimerStartEvent);
+    return running->isOn();
+}
+
+void MsgDrivenThread::finishTimerStart(int timerId) {
+    SyncGuard guard(mQueueLock);
+    if (timerId == mAwaitedTimerStart) {
+        mAwaitedTimerStart = kNoTimer;
+        mTimerStartEvent.setOff();
+    }
+}
+
+// From another thread the timer is handed from the timer map over to the stop entries: its
+// expiry signals find no timer any more, its id stays reserved, and the loop deletes the POSIX
+// timer and turns the running event off when it handles the stop message.
+bool MsgDrivenThread::killTimer(int timerId, int noWait) {
+    if (!isLoopRunning()) {
+        return false;
+    }
+    if (isCallerLoop()) {
+        SyncGuard guard(mQueueLock);
+        TimerInfo* info = findTimer(timerId);
+        if (info == nullptr) {
+            return false;
+        }
+        eraseTimerByTimerInfo(info, timerId);
+        info->mRunning->setOff();
+        removeTimer(timerId);
+        return true;
+    }
+    SyncGuard senderGuard(mSenderLock);
+    CountingPointer<Event> running;
+    {
+        detail::DeferredLog log;
+        SyncGuard guard(mQueueLock);
+        TimerInfo* info = findTimer(timerId);
+        if (info == nullptr || !mStopEntries.insert(timerId, *info)) {
+            return false;
+        }
+        running = info->mRunning;
+        *info = TimerInfo();
+        mTimers.erase(timerId);
+        if (!postLocked(MSG_ID_STOP_TIMER, timerId, log)) {
+            mTimers.insert(timerId, *findTimerStopEntry(timerId));
+            *findTimerStopEntry(timerId) = TimerInfo();
+            mStopEntries.erase(timerId);
+            return false;
+        }
+    }
+    if (noWait == 0) {
+        awaitOff(*running);
+    }
+    return true;
+}
+
+void MsgDrivenThread::eraseAllTimer() {
+    SyncGuard guard(mQueueLock);
+    for (unsigned int i = 0; i < mTimers.getCount(); ++i) {
+        Map<int, TimerInfo>::Entry& entry = mTimers.getAt(i);
+        eraseTimerByTimerInfo(&entry.mValue, entry.mKey);
+        entry.mValue.mRunning->setOff();
+    }
+    while (mStopEntries.getCount() > 0) {
+        executeStopTimer(mStopEntries.getAt(0).mKey);
+    }
+}
+
+unsigned int MsgDrivenThread::remTimerIdCount() const {
+    SyncGuard guard(mQueueLock);
+    return mTimers.getMax() - mTimers.getCount();
+}
+
+void MsgDrivenThread::onEraseTimer(int) {}
+
+// Removes timer `timerId` from the timer map, with its signal record; the POSIX timer must have
+// been deleted. Under the queue lock.
+bool MsgDrivenThread::removeTimer(int timerId) {
+    TimerInfo* info = findTimer(timerId);
+    if (info == nullptr) {
+        return false;
+    }
+    detail::TimerSignal::releaseRecord(info->mSignalRecord);
+    // The vacated slot lets go of the running event at once.
+    *info = TimerInfo();
+    return mTimers.erase(timerId);
+}
+
+void MsgDrivenThread::releaseAllTimers() {
+    SyncGuard guard(mQueueLock);
+    while (mTimers.getCount() > 0) {
+        const int timerId = mTimers.getAt(0).mKey;
+        eraseTimerByTimerInfo(findTimer(timerId), timerId);
+        removeTimer(timerId);
+    }
+}
+
+bool MsgDrivenThread::startTimerByTimerInfo(TimerInfo* info) {
+    detail::TimerSignal& signal = detail::loopTimerSignal();
+    const int32_t number = getNextSysTimerNumber();
+    info->mSignalRecord->mFd.store(mWriteFd);
+    info->mSignalRecord->mNumber.store(number);
+    if (!signal.createTimer(info->mSignalRecord, &info->mTimer)) {
+        mLoopLog.add(detail::LEVEL_ERROR,
+                     "MsgDrivenThread(%s) timer_create SysTimerId:0x%08x errno:%d\n", getName(),
+                     static_cast<unsigned int>(number), errno);
+        info->mSignalRecord->mFd.store(-1);
+        info->mSignalRecord->mNumber.store(0);
+        return false;
+    }
+    info->mSysTimerNumber = number;
+    if (!detail::TimerSignal::armTimer(info->mTimer, info->mInterval)) {
+        mLoopLog.add(detail::LEVEL_ERROR,
+                     "MsgDrivenThread(%s) timer_settime SysTimerId:0x%08x errno:%d\n", getName(),
+                     static_cast<unsigned int>(number), errno);
+        timer_delete(info->mTimer);
+        info->mSignalRecord->mFd.store(-1);
+        info->mSignalRecord->mNumber.store(0);
+        info->mSysTimerNumber = -1;
+        return false;
+    }
+    return true;
+}
+
+// Deletes the POSIX timer and takes the timer's queued expiries out of the control queue.
+bool MsgDrivenThread::eraseTimerByTimerInfo(TimerInfo* info, int timerId) {
+    if (info == nullptr) {
+        return false;
+    }
+    if (info->mSysTimerNumber == -1) {
+        return true;
+    }
+    if (timer_delete(info->mTimer) != 0) {
+        mLoopLog.add(detail::LEVEL_ERROR,
+                     "MsgDrivenThread(%s) timer_delete SysTimerNum:0x%08x errno:%d", getName(),
+                     static_cast<unsigned int>(info->mSysTimerNumber), errno);
+        return false;
+    }
+    info->mSignalRecord->mFd.store(-1);
+    info->mSignalRecord->mNumber.store(0);
+    for (unsigned int i = 0; i < mCtlQueue.getCount();) {
+        const ThreadCtlMsg& entry = mCtlQueue.at(i);
+        if (entry.mMsgId == MSG_ID_TIMEOUT && entry.mParam == timerId) {
+            mCtlQueue.eraseAt(i);
+        } else {
+            ++i;
+        }
+    }
+    info->mTimer = timer_t();
+    info->mPending = 0;
+    info->mSysTimerNumber = -1;
+    return true;
+}
+
+// A signal becomes a queued expiry only while the timer runs and fewer expiries wait than it
+// may keep: one, or two for a run-on timer, so a busy loop is never flooded.
+void MsgDrivenThread::executeTimeoutSignal(int timerId) {
+    SyncGuard guard(mQueueLock);
+    TimerInfo* info = findTimer(timerId);
+    if (info == nullptr || info->mPending >= 2 || (info->mPending == 1 && info->mRunOn == 0) ||
+        !info->mRunning->isOn()) {
+        return;
+    }
+    if (postLocked(MSG_ID_TIMEOUT, timerId, mLoopLog)) {
+        ++info->mPending;
+    }
+}
+
+// An expiry of a timer that was killed while it waited in the queue is dropped.
+int MsgDrivenThread::executeTimeout(int timerId) {
+    {
+        SyncGuard guard(mQueueLock);
+        if (!mCtlQueue.pop()) {
+            return -1;
+        }
+        if (findTimer(timerId) == nullptr) {
+            return 0;
+        }
+    }
+    if (!storeTimerMsg(timerId, &mReceiveBuffer)) {
+        return -1;
+    }
+    deliver();
+    switch (TimeoutPostHandling(timerId)) {
+        case 0:
+            return -1;
+        case 3:
+            mLoopLog.flush();
+            onEraseTimer(timerId);
+            return 0;
+        default:
+            return 0;
+    }
+}
+
+// After an expiry was delivered (or erased): 1 no such timer, 2 the timer goes on, 0 it could
+// not be re-armed, 3 it reached its count limit and was removed.
+int MsgDrivenThread::TimeoutPostHandling(int timerId) {
+    SyncGuard guard(mQueueLock);
+    TimerInfo* info = findTimer(timerId);
+    if (info == nullptr) {
+        return 1;
+    }
+    if (info->mPending != 0) {
+        --info->mPending;
+    }
+    ++info->mExpiryCount;
+    if (info->mCountLimit == 0 || info->mExpiryCount < info->mCountLimit) {
+        if (info->mRunOn != 0) {
+            return 2;
+        }
+        return eraseTimerByTimerInfo(info, timerId) && startTimerByTimerInfo(info) ? 2 : 0;
+    }
+    eraseTimerByTimerInfo(info, timerId);
+    info->mRunning->setOff();
+    removeTimer(timerId);
+    return 3;
+}
+
+// 0 failed, 1 started, 2 no such timer, 3 already running.
+int MsgDrivenThread::executeStartTimer(int timerId) {
+    SyncGuard guard(mQueueLock);
+    TimerInfo* info = findTimer(timerId);
+    if (info == nullptr) {
+        return 2;
+    }
+    if (info->mRunning->isOn()) {
+        return 3;
+    }
+    info->mExpiryCount = 0;
+    if (!startTimerByTimerInfo(info)) {
+        return 0;
+    }
+    info->mRunning->setOn();
+    return 1;
+}
+
+int MsgDrivenThread::executeStopTimer(int timerId) {
+    SyncGuard guard(mQueueLock);
+    TimerInfo* info = findTimerStopEntry(timerId);
+    if (info == nullptr) {
+        return 0;
+    }
+    const int result = eraseTimerByTimerInfo(info, timerId) ? 0 : -1;
+    detail::TimerSignal::releaseRecord(info->mSignalRecord);
+    CountingPointer<Event> running = info->mRunning;
+    *info = TimerInfo();
+    mStopEntries.erase(timerId);
+    running->setOff();
+    return result;
+}
+
+void MsgDrivenThread::updateNextUserTimerIdValue() {
+    int32_t next = mNextUserTimerId;
+    do {
+        next = next == INT32_MAX ? 1 : next + 1;
+    } while (mTimers.find(next) != nullptr || mStopEntries.find(next) != nullptr);
+    mNextUserTimerId = next;
+}
+
+bool MsgDrivenThread::isSysTimerNumberHeld(int32_t number) const {
+    for (const Map<int, TimerInfo>* map : {&mTimers, &mStopEntries}) {
+        for (unsigned int i = 0; i < map->getCount(); ++i) {
+            if (map->getAt(i).mValue.mSysTimerNumber == number) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+int MsgDrivenThread::getNextSysTimerNumber() {
+    const int32_t last = mNextSysTimerNumber;
+    if (last == INT32_MAX - 1) {
+        mNextSysTimerNumber = INT32_MAX;
+        return mNextSysTimerNumber;
+    }
+    int32_t next = last == INT32_MAX ? 1 : last + 1;
+    while (next < INT32_MAX && isSysTimerNumberHeld(next)) {
+        ++next;
+    }
+    mNextSysTimerNumber = next;
+    return next;
+}
+
+}  // namespace utl

@@ -1,0 +1,156 @@
+// Test support for threads and message loops: bounded waits and a recording listener.
+#ifndef UTL_TESTS_THREAD_TEST_SUPPORT_H
+#define UTL_TESTS_THREAD_TEST_SUPPORT_H
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "UtlMsg.h"
+#include "UtlMsgDrivenThread.h"
+#include "UtlThreadManager.h"
+
+// Every wait of the threaded tests is bounded by this, so that a fault fails a test instead of
+// hanging it; generous for sanitizers and emulation.
+constexpr std::chrono::seconds kTestTimeout(60);
+
+// Waits until `done()` holds, polling; false when it still does not after `timeout`.
+inline bool waitUntil(const std::function<bool()>& done,
+                      std::chrono::milliseconds timeout = kTestTimeout) {
+    const auto giveUp = std::chrono::steady_clock::now() + timeout;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > giveUp) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+// A thread that runs one blocking call, and can tell when it has gone to sleep in it.
+class Sender {
+  public:
+    template <class Body>
+    explicit Sender(Body body)
+        : mThread([this, body] {
+              mTid = utl::ThreadManager::getCallerId();
+              body();
+              mDone = true;
+          }) {}
+    ~Sender() { join(); }
+
+    // Waits until the thread sleeps in the kernel (blocked in its call) or has finished; false
+    // when neither happens in time.
+    bool awaitBlocked() {
+        return waitUntil([this] {
+            if (mDone) {
+                return true;
+            }
+            std::ifstream file("/proc/self/task/" + std::to_string(mTid.load()) + "/stat");
+            std::string stat;
+            return mTid != 0 && std::getline(file, stat) && stat.find(") S ") != std::string::npos;
+        });
+    }
+    void join() {
+        if (mThread.joinable()) {
+            mThread.join();
+        }
+    }
+
+  private:
+    std::atomic<int> mTid{0};
+    std::atomic<bool> mDone{false};
+    std::thread mThread;
+};
+
+// A one-shot gate: threads wait until it is opened.
+class Gate {
+  public:
+    void open() {
+        std::lock_guard<std::mutex> guard(mMutex);
+        mOpen = true;
+        mCondition.notify_all();
+    }
+    // False when the gate did not open in time.
+    bool wait(std::chrono::milliseconds timeout = kTestTimeout) {
+        std::unique_lock<std::mutex> lock(mMutex);
+        return mCondition.wait_for(lock, timeout, [this] { return mOpen; });
+    }
+
+  private:
+    std::mutex mMutex;
+    std::condition_variable mCondition;
+    bool mOpen = false;
+};
+
+// A message with one 32-bit value after its id.
+class ValueMsg : public utl::Msg {
+  public:
+    explicit ValueMsg(int id, int32_t value = 0) : utl::Msg(id), mValue(value) {}
+    bool storeDataTo(utl::MsgDataBroker* broker) const override { return broker->set(mValue); }
+    bool restoreDataFrom(utl::MsgDataBroker& broker) override { return broker.get(&mValue); }
+    int32_t mValue;
+};
+
+// What a listener received: the id and, for ValueMsg and TimerMsg, the value or timer id.
+struct Received {
+    int mId;
+    int32_t mValue;
+    int mThreadId;
+};
+
+// Records every message; `onReceive` (optional) runs in the loop after recording.
+class RecordingListener : public utl::ThreadMsgListener {
+  public:
+    void receiveMsg(int threadId, utl::ThreadRawMsg& raw) override {
+        Received r = {utl::MsgDrivenThread::MSG_ID_NONE, 0, threadId};
+        raw.getMsgId(&r.mId);
+        if (r.mId == utl::TimerMsg::ID) {
+            utl::TimerMsg timer;
+            timer.restoreFrom(raw);
+            r.mValue = timer.getTimerId();
+        } else {
+            ValueMsg value(0);
+            if (value.restoreFrom(raw)) {
+                r.mValue = value.mValue;
+            }
+        }
+        {
+            std::lock_guard<std::mutex> guard(mMutex);
+            mReceived.push_back(r);
+        }
+        if (onReceive) {
+            onReceive(r);
+        }
+    }
+
+    std::vector<Received> received() const {
+        std::lock_guard<std::mutex> guard(mMutex);
+        return mReceived;
+    }
+    size_t count() const {
+        std::lock_guard<std::mutex> guard(mMutex);
+        return mReceived.size();
+    }
+    std::vector<int> ids() const {
+        std::vector<int> ids;
+        for (const Received& r : received()) {
+            ids.push_back(r.mId);
+        }
+        return ids;
+    }
+
+    std::function<void(const Received&)> onReceive;
+
+  private:
+    mutable std::mutex mMutex;
+    std::vector<Received> mReceived;
+};
+
+#endif  // UTL_TESTS_THREAD_TEST_SUPPORT_H

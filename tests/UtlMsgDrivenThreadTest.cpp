@@ -1,0 +1,505 @@
+#include "UtlMsgDrivenThread.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "LogCapture.h"
+#include "ThreadTestSupport.h"
+
+namespace {
+
+using utl::MsgDrivenThread;
+
+constexpr int kLibraryLogType = -2;
+
+// A loop whose listener can be held inside a message while the test queues more, and which runs
+// test code in the loop thread meanwhile (`inLoop`).
+struct HeldLoop {
+    explicit HeldLoop(unsigned int maxMsgSize = 16, unsigned int maxMsgCount = 16,
+                      unsigned int maxTimers = 4)
+        : thread(maxMsgSize, maxMsgCount, "held", maxTimers) {
+        listener.onReceive = [this](const Received& r) {
+            if (r.mId == kHoldId) {
+                held.open();
+                hold();
+            }
+        };
+    }
+    ~HeldLoop() {
+        release();
+        thread.stop(1, 0);
+    }
+    // Starts the loop and parks it inside a message, so that what follows stays queued.
+    void startHeld() {
+        ASSERT_EQ(thread.start(&listener), 0);
+        ASSERT_TRUE(thread.postMsg(kHoldId));
+        ASSERT_TRUE(held.wait());
+    }
+    void release() {
+        std::lock_guard<std::mutex> guard(mutex);
+        released = true;
+        condition.notify_all();
+    }
+    // Runs `task` in the held loop thread and returns when it is done.
+    void inLoop(std::function<void()> task) {
+        std::unique_lock<std::mutex> lock(mutex);
+        this->task = std::move(task);
+        condition.notify_all();
+        ASSERT_TRUE(condition.wait_for(lock, kTestTimeout, [this] { return !this->task; }));
+    }
+
+    static constexpr int kHoldId = 999;
+    RecordingListener listener;
+    Gate held;
+    MsgDrivenThread thread;
+
+  private:
+    void hold() {
+        std::unique_lock<std::mutex> lock(mutex);
+        while (!released) {
+            if (!condition.wait_for(lock, kTestTimeout, [this] { return released || task; })) {
+                return;
+            }
+            if (task) {
+                task();
+                task = nullptr;
+                condition.notify_all();
+            }
+        }
+    }
+
+    std::mutex mutex;
+    std::condition_variable condition;
+    bool released = false;
+    std::function<void()> task;
+};
+
+TEST(MsgDrivenThreadTest, DeliversEachKindToTheListenerOnItsOwnThread) {
+    RecordingListener listener;
+    MsgDrivenThread thread(16, 4, "kinds", 0);
+    EXPECT_FALSE(thread.postMsg(1)) << "not running yet";
+    ASSERT_EQ(thread.start(&listener, 0, 0, nullptr, 1, 0), 0);
+
+    EXPECT_TRUE(thread.postMsg(ValueMsg(1, 11)));
+    EXPECT_TRUE(thread.sendMsgSync(ValueMsg(2, 22)));
+    EXPECT_EQ(listener.count(), 2u) << "a synchronous send returns after its delivery";
+    EXPECT_TRUE(thread.sendMsgInterrupt(3));
+    EXPECT_EQ(listener.count(), 3u);
+
+    const std::vector<Received> got = listener.received();
+    EXPECT_EQ(got[0].mValue, 11);
+    EXPECT_EQ(got[1].mValue, 22);
+    EXPECT_EQ(got[2].mId, 3);
+    for (const Received& r : got) {
+        EXPECT_EQ(r.mThreadId, thread.getId());
+    }
+    EXPECT_EQ(thread.stop(1, 0), 0);
+    EXPECT_FALSE(thread.postMsg(4));
+    EXPECT_FALSE(thread.sendMsgSync(4));
+    EXPECT_EQ(thread.start(&listener), -1) << "a loop starts once only";
+}
+
+TEST(MsgDrivenThreadTest, StartRefusesNullListenerAndSecondStart) {
+    RecordingListener listener;
+    MsgDrivenThread thread(16, 4, "start", 0);
+    EXPECT_EQ(thread.start(nullptr), -1);
+    EXPECT_EQ(thread.stop(0, 0), -1) << "not started";
+    ASSERT_EQ(thread.start(&listener), 0);
+    EXPECT_EQ(thread.start(&listener), -1);
+}
+
+TEST(MsgDrivenThreadTest, InterruptOvertakesQueuedPosts) {
+    HeldLoop loop;
+    loop.startHeld();
+    for (int i = 1; i <= 10; ++i) {
+        ASSERT_TRUE(loop.thread.postMsg(i));
+    }
+    std::atomic<bool> interrupted{false};
+    Sender sender([&] { interrupted = loop.thread.sendMsgInterrupt(100); });
+    ASSERT_TRUE(sender.awaitBlocked());
+    loop.release();
+    sender.join();
+    EXPECT_TRUE(interrupted);
+    ASSERT_TRUE(waitUntil([&] { return loop.listener.count() == 12; }));
+    const std::vector<int> ids = loop.listener.ids();
+    EXPECT_EQ(ids[1], 100) << "the interrupt comes right after the message being handled";
+    EXPECT_TRUE(std::is_sorted(ids.begin() + 2, ids.end()));
+}
+
+TEST(MsgDrivenThreadTest, FullDataQueueRefusesWithOneErrorThenDetails) {
+    HeldLoop loop(16, 4);
+    loop.startHeld();
+    for (int i = 0; i < 4; ++i) {
+        ASSERT_TRUE(loop.thread.postMsg(i)) << "4 slots of 20 bytes";
+    }
+    LogCapture log;
+    const std::string out = captureStdout([&] {
+        EXPECT_FALSE(loop.thread.postMsg(ValueMsg(5)));
+        EXPECT_FALSE(loop.thread.postMsg(ValueMsg(6)));
+    });
+    const std::string line =
+        "<UTIL> ERR: MsgDrivenThread(held) Overflow MsgDataQueue  MaxCount:4 MsgId:0x00000005";
+    ASSERT_EQ(log.lines().size(), 1u);
+    EXPECT_NE(log.lines()[0].find(line.substr(7)), std::string::npos);
+    EXPECT_NE(
+        out.find("DTL: MsgDrivenThread(held) Overflow MsgDataQueue  MaxCount:4 MsgId:0x00000006"),
+        std::string::npos);
+
+    loop.release();
+    ASSERT_TRUE(waitUntil([&] { return loop.listener.count() == 5; }));
+    LogCapture after;
+    EXPECT_TRUE(loop.thread.postMsg(7));
+    EXPECT_TRUE(loop.thread.sendMsgSync(8));
+    EXPECT_TRUE(after.lines().empty());
+}
+
+TEST(MsgDrivenThreadTest, BodyLargerThanTheSlotIsRefused) {
+    struct Big : utl::Msg {
+        Big() : utl::Msg(7) {}
+        bool storeDataTo(utl::MsgDataBroker* b) const override {
+            const unsigned char bytes[17] = {};
+            return b->set(bytes, sizeof bytes);
+        }
+        bool restoreDataFrom(utl::MsgDataBroker&) override { return true; }
+    };
+    RecordingListener listener;
+    MsgDrivenThread thread(16, 4, "big", 0);
+    ASSERT_EQ(thread.start(&listener), 0);
+    LogCapture log;
+    EXPECT_FALSE(thread.postMsg(Big()));
+    EXPECT_FALSE(thread.sendMsgSync(Big()));
+    EXPECT_TRUE(log.contains(
+        "MsgDrivenThread(big) Overflow MsgSize  MaxSize(include MsgId):20 MsgId:0x00000007"));
+    EXPECT_TRUE(thread.sendMsgSync(ValueMsg(8, 1)));
+    EXPECT_EQ(listener.ids(), std::vector<int>{8});
+}
+
+TEST(MsgDrivenThreadTest, LoopThreadPostsToItselfButCannotWaitForItself) {
+    RecordingListener listener;
+    MsgDrivenThread thread(16, 4, "self", 0);
+    std::atomic<int> syncResult{-1};
+    std::atomic<int> stopResult{0};
+    listener.onReceive = [&](const Received& r) {
+        if (r.mId == 1) {
+            syncResult = thread.sendMsgSync(2);
+            stopResult = thread.stop(1, 0);
+            thread.postMsg(3);
+        }
+    };
+    ASSERT_EQ(thread.start(&listener), 0);
+    EXPECT_EQ(thread.start(&listener), -1);
+    ASSERT_TRUE(thread.postMsg(1));
+    ASSERT_TRUE(waitUntil([&] { return listener.count() == 2; }));
+    EXPECT_EQ(syncResult, 0);
+    EXPECT_EQ(stopResult, -1);
+    EXPECT_EQ(listener.ids(), (std::vector<int>{1, 3}));
+}
+
+TEST(MsgDrivenThreadTest, LoopThreadSearchesPeeksAndErasesItsQueue) {
+    HeldLoop loop;
+    loop.startHeld();
+    loop.inLoop([&] { EXPECT_EQ(loop.thread.getFirstMsgId(), MsgDrivenThread::MSG_ID_NONE); });
+    ASSERT_TRUE(loop.thread.postMsg(ValueMsg(1, 10)));
+    ASSERT_TRUE(loop.thread.postMsg(ValueMsg(2, 20)));
+    ASSERT_TRUE(loop.thread.postMsg(ValueMsg(1, 30)));
+    std::atomic<int> syncResult{-1};
+    Sender syncSender([&] { syncResult = loop.thread.sendMsgSync(ValueMsg(4, 40)); });
+    ASSERT_TRUE(syncSender.awaitBlocked());
+
+    loop.inLoop([&] {
+        EXPECT_EQ(loop.thread.getFirstMsgId(), 1);
+        EXPECT_TRUE(loop.thread.hasMsg(4));
+        EXPECT_FALSE(loop.thread.hasMsg(3));
+        utl::ThreadRawMsg peeked(20);
+        ASSERT_TRUE(loop.thread.peekMsg(2, &peeked));
+        ValueMsg value(0);
+        ASSERT_TRUE(value.restoreFrom(peeked));
+        EXPECT_EQ(value.mValue, 20);
+        EXPECT_FALSE(loop.thread.peekMsg(2, nullptr));
+        EXPECT_TRUE(loop.thread.eraseMsg(1));
+        EXPECT_TRUE(loop.thread.eraseMsg(4));
+        EXPECT_FALSE(loop.thread.hasMsg(1));
+        EXPECT_EQ(loop.thread.getFirstMsgId(), 2);
+    });
+    syncSender.join();
+    EXPECT_EQ(syncResult, 0) << "an erased synchronous message releases its sender with false";
+    loop.release();
+    ASSERT_TRUE(loop.thread.sendMsgSync(5));
+    EXPECT_EQ(loop.listener.ids(), (std::vector<int>{HeldLoop::kHoldId, 2, 5}));
+}
+
+TEST(MsgDrivenThreadTest, OtherThreadsSearchAndEraseThroughTheLoop) {
+    HeldLoop loop;
+    loop.startHeld();
+    ASSERT_TRUE(loop.thread.postMsg(ValueMsg(1, 10)));
+    ASSERT_TRUE(loop.thread.postMsg(ValueMsg(2, 20)));
+    std::atomic<int> has{-1};
+    std::atomic<int> erased{-1};
+    std::atomic<int> first{0};
+    Sender finder([&] { has = loop.thread.hasMsg(2); });
+    ASSERT_TRUE(finder.awaitBlocked()) << "the search waits for the loop";
+    Sender eraser([&] { erased = loop.thread.eraseMsg(1); });
+    ASSERT_TRUE(eraser.awaitBlocked());
+    loop.release();
+    finder.join();
+    eraser.join();
+    EXPECT_EQ(has, 1);
+    EXPECT_EQ(erased, 1);
+    first = loop.thread.getFirstMsgId();
+    ASSERT_TRUE(loop.thread.sendMsgSync(3));
+    EXPECT_EQ(loop.listener.ids(), (std::vector<int>{HeldLoop::kHoldId, 2, 3}));
+    EXPECT_TRUE(first == 2 || first == MsgDrivenThread::MSG_ID_NONE);
+}
+
+TEST(MsgDrivenThreadTest, StopDropsQueuedPostsAndReleasesWaitingSenders) {
+    HeldLoop loop;
+    loop.startHeld();
+    ASSERT_TRUE(loop.thread.postMsg(1));
+    std::atomic<int> syncResult{-1};
+    std::atomic<int> peekResult{-1};
+    Sender syncSender([&] { syncResult = loop.thread.sendMsgSync(2); });
+    ASSERT_TRUE(syncSender.awaitBlocked());
+    Sender stopper([&] { loop.thread.stop(1, 0); });
+    ASSERT_TRUE(waitUntil([&] { return loop.thread.hasRequestedStop(); }));
+    EXPECT_FALSE(loop.thread.postMsg(3)) << "refused once a stop was requested";
+    EXPECT_FALSE(loop.thread.sendMsgInterrupt(3));
+    loop.release();
+    stopper.join();
+    syncSender.join();
+    EXPECT_EQ(syncResult, 0);
+    EXPECT_EQ(loop.listener.ids(), std::vector<int>{HeldLoop::kHoldId});
+    EXPECT_FALSE(loop.thread.hasMsg(MsgDrivenThread::MSG_ID_WILDCARD)) << "not running";
+}
+
+TEST(MsgDrivenThreadTest, TokenWithoutItsEntryIsIgnoredAndLaterMessagesFlow) {
+    HeldLoop loop;
+    loop.startHeld();
+    ASSERT_TRUE(loop.thread.postMsg(1));
+    ASSERT_TRUE(loop.thread.postMsg(2));
+    loop.inLoop([&] { EXPECT_TRUE(loop.thread.eraseMsg(1)); });  // its token stays in the pipe
+    LogCapture log;
+    loop.release();
+    ASSERT_TRUE(loop.thread.sendMsgSync(3));
+    EXPECT_EQ(loop.listener.ids(), (std::vector<int>{HeldLoop::kHoldId, 2, 3}));
+    EXPECT_TRUE(log.lines().empty());
+}
+
+// ---- Timers
+
+class TimerThread : public MsgDrivenThread {
+  public:
+    TimerThread() : MsgDrivenThread(16, 8, "timers", 3) {}
+    std::vector<int> erased() {
+        std::lock_guard<std::mutex> guard(mMutex);
+        return mErased;
+    }
+
+  protected:
+    void onEraseTimer(int timerId) override {
+        std::lock_guard<std::mutex> guard(mMutex);
+        mErased.push_back(timerId);
+    }
+
+  private:
+    std::mutex mMutex;
+    std::vector<int> mErased;
+};
+
+size_t countTimerMsgs(const RecordingListener& listener, int timerId) {
+    const std::vector<Received> got = listener.received();
+    return std::count_if(got.begin(), got.end(), [&](const Received& r) {
+        return r.mId == utl::TimerMsg::ID && r.mValue == timerId;
+    });
+}
+
+TEST(MsgDrivenThreadTest, TimerWithCountLimitDeliversThatManyAndIsErased) {
+    RecordingListener listener;
+    TimerThread thread;
+    EXPECT_EQ(thread.setTimer(10), -1) << "not running";
+    ASSERT_EQ(thread.start(&listener), 0);
+    EXPECT_EQ(thread.remTimerIdCount(), 3u);
+    const int timerId = thread.setTimer(5, 0, 3, 0);
+    ASSERT_EQ(timerId, 1);
+    ASSERT_TRUE(waitUntil([&] { return !thread.erased().empty(); }));
+    EXPECT_EQ(countTimerMsgs(listener, timerId), 3u);
+    EXPECT_EQ(thread.erased(), std::vector<int>{timerId});
+    EXPECT_EQ(thread.remTimerIdCount(), 3u);
+    EXPECT_FALSE(thread.startTimer(timerId)) << "an ended timer is gone";
+    EXPECT_EQ(thread.setTimer(5, 0, 1, 1), 2) << "ids go round-robin";
+}
+
+TEST(MsgDrivenThreadTest, KilledTimerStopsAndFreesItsPlace) {
+    RecordingListener listener;
+    TimerThread thread;
+    ASSERT_EQ(thread.start(&listener), 0);
+    const int a = thread.registerTimer(2, 0, 1);
+    const int b = thread.registerTimer(3, 0, 0);
+    const int c = thread.registerTimer(4);
+    ASSERT_TRUE(a > 0 && b > 0 && c > 0);
+    EXPECT_EQ(thread.registerTimer(5), -1) << "the timer table is full";
+    EXPECT_EQ(thread.remTimerIdCount(), 0u);
+    ASSERT_TRUE(thread.startTimer(a));
+    ASSERT_TRUE(thread.startTimer(b, 1));
+    ASSERT_TRUE(waitUntil(
+        [&] { return countTimerMsgs(listener, a) >= 3 && countTimerMsgs(listener, b) >= 3; }));
+    EXPECT_EQ(countTimerMsgs(listener, c), 0u) << "registered timers start stopped";
+
+    ASSERT_TRUE(thread.killTimer(a));
+    ASSERT_TRUE(thread.killTimer(b));
+    EXPECT_FALSE(thread.killTimer(a));
+    const size_t afterKill = listener.count();
+    ASSERT_TRUE(thread.sendMsgSync(1));
+    utl::Thread::sleep(50);
+    ASSERT_TRUE(thread.sendMsgSync(1));
+    EXPECT_EQ(listener.count(), afterKill + 2) << "no expiry after the kill returned";
+    EXPECT_EQ(thread.remTimerIdCount(), 2u);
+    EXPECT_TRUE(thread.erased().empty()) << "killing is not ending by count";
+}
+
+TEST(MsgDrivenThreadTest, LoopThreadStartsAndKillsItsTimersDirectly) {
+    RecordingListener listener;
+    TimerThread thread;
+    std::atomic<int> timerId{-1};
+    std::atomic<bool> killed{false};
+    listener.onReceive = [&](const Received& r) {
+        if (r.mId == 1) {
+            timerId = thread.setTimer(3, 0, 0, 0);
+        } else if (r.mId == utl::TimerMsg::ID && !killed) {
+            killed = thread.killTimer(r.mValue, 0);
+        }
+    };
+    ASSERT_EQ(thread.start(&listener), 0);
+    ASSERT_TRUE(thread.postMsg(1));
+    ASSERT_TRUE(waitUntil([&] { return killed.load(); }));
+    utl::Thread::sleep(30);
+    ASSERT_TRUE(thread.sendMsgSync(2));
+    EXPECT_EQ(countTimerMsgs(listener, timerId), 1u);
+}
+
+// A judgement that matches nothing and counts the queued timer expiries it is shown.
+struct CountTimers {
+    bool judge(utl::ThreadRawMsg& raw) {
+        int id = 0;
+        if (raw.getMsgId(&id) && id == utl::TimerMsg::ID) {
+            ++*mCount;
+        }
+        return false;
+    }
+    int* mCount;
+};
+
+int queuedExpiries(MsgDrivenThread& thread) {
+    int count = 0;
+    MsgDrivenThread::MsgJudgement<CountTimers> judgement{CountTimers{&count}};
+    thread.hasMsgInternal(&judgement);
+    return count;
+}
+
+TEST(MsgDrivenThreadTest, BusyListenerKeepsAtMostTwoRunOnExpiriesQueued) {
+    RecordingListener listener;
+    TimerThread thread;
+    std::atomic<int> deliveries{0};
+    std::atomic<int> mostQueued{0};
+    listener.onReceive = [&](const Received& r) {
+        if (r.mId != utl::TimerMsg::ID) {
+            return;
+        }
+        if (++deliveries == 1) {
+            utl::Thread::sleep(2000);
+        }
+        mostQueued = std::max(mostQueued.load(), queuedExpiries(thread));
+    };
+    ASSERT_EQ(thread.start(&listener), 0);
+    const int timerId = thread.setTimer(1, 0, 0, 1);
+    ASSERT_GT(timerId, 0);
+    ASSERT_TRUE(waitUntil([&] { return deliveries >= 20; }));
+    EXPECT_LE(mostQueued, 1) << "besides the one being delivered, at most one more waits";
+    EXPECT_TRUE(thread.sendMsgSync(1)) << "the loop resumed normally";
+    EXPECT_TRUE(thread.killTimer(timerId));
+}
+
+TEST(MsgDrivenThreadTest, ReArmedTimerQueuesOneExpiryAtATime) {
+    RecordingListener listener;
+    TimerThread thread;
+    std::atomic<int> mostQueued{0};
+    listener.onReceive = [&](const Received& r) {
+        if (r.mId == utl::TimerMsg::ID) {
+            utl::Thread::sleep(5);
+            mostQueued = std::max(mostQueued.load(), queuedExpiries(thread));
+        }
+    };
+    ASSERT_EQ(thread.start(&listener), 0);
+    ASSERT_GT(thread.setTimer(1, 0, 10, 0), 0);
+    ASSERT_TRUE(waitUntil([&] { return thread.erased().size() == 1; }));
+    EXPECT_EQ(mostQueued, 0);
+}
+
+// ---- Reliability
+
+// Posters retry refused posts; every accepted message must arrive once, in its sender's order.
+TEST(MsgDrivenThreadStressTest, ManySendersEveryMessageOnceInOrder) {
+    // UTL_STRESS_MESSAGES sets the total posted (8 x 100,000 by default).
+    constexpr int kPosters = 8;
+    const char* scale = std::getenv("UTL_STRESS_MESSAGES");
+    const int perPoster = (scale != nullptr ? std::atoi(scale) : 800000) / kPosters;
+    std::vector<int32_t> next(kPosters + 3, 0);
+    std::atomic<bool> ordered{true};
+    struct Checker : utl::ThreadMsgListener {
+        std::vector<int32_t>* next;
+        std::atomic<bool>* ordered;
+        void receiveMsg(int, utl::ThreadRawMsg& raw) override {
+            ValueMsg msg(0);
+            if (!msg.restoreFrom(raw) || msg.getMsgId() < 0 ||
+                msg.getMsgId() >= static_cast<int>(next->size()) ||
+                (*next)[msg.getMsgId()]++ != msg.mValue) {
+                *ordered = false;
+            }
+        }
+    } checker;
+    checker.next = &next;
+    checker.ordered = &ordered;
+    MsgDrivenThread thread(16, 64, "stress", 0);
+    ASSERT_EQ(thread.start(&checker), 0);
+
+    // Refusals of a full queue are expected here by the thousand: keep them out of the output.
+    setFilterLevel(kLibraryLogType, 0);
+    std::vector<std::thread> senders;
+    for (int p = 0; p < kPosters; ++p) {
+        senders.emplace_back([&, p] {
+            for (int32_t i = 0; i < perPoster;) {
+                i += thread.postMsg(ValueMsg(p, i)) ? 1 : 0;
+            }
+        });
+    }
+    // A refused send is retried like a post: a false that was in fact delivered would arrive
+    // twice and break the order.
+    for (int s = kPosters; s < kPosters + 3; ++s) {
+        senders.emplace_back([&, s] {
+            for (int32_t i = 0; i < perPoster / 100;) {
+                const bool ok = s == kPosters + 2 ? thread.sendMsgInterrupt(ValueMsg(s, i))
+                                                  : thread.sendMsgSync(ValueMsg(s, i));
+                i += ok ? 1 : 0;
+            }
+        });
+    }
+    for (std::thread& sender : senders) {
+        sender.join();
+    }
+    setFilterLevel(kLibraryLogType, 4);
+    ASSERT_TRUE(thread.sendMsgSync(ValueMsg(kPosters, perPoster / 100)));
+    EXPECT_TRUE(ordered);
+    for (int p = 0; p < kPosters; ++p) {
+        EXPECT_EQ(next[p], perPoster);
+    }
+    EXPECT_EQ(next[kPosters], perPoster / 100 + 1);
+    EXPECT_EQ(next[kPosters + 1], perPoster / 100);
+    EXPECT_EQ(next[kPosters + 2], perPoster / 100);
+}
+
+}  // namespace

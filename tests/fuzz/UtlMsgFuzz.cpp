@@ -1,0 +1,326 @@
+// Arbitrary bytes as a raw message, read back by a sequence of getters that the input chooses,
+// then restored into a message with narrow and wide strings. Every output buffer lives on the
+// heap with exactly the size handed to the getter, so that AddressSanitizer sees any overrun.
+//
+// Input: maximum size, mode (bit 0: write the body with set() instead of into buffer()), body
+// length, fill byte for the rest of the buffer, the body, then the getter sequence.
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <cwchar>
+#include <memory>
+#include <vector>
+
+#include "UtlMemory.h"
+#include "UtlMsg.h"
+
+namespace {
+
+using utl::ThreadRawMsg;
+
+void require(bool condition) {
+    if (!condition) {
+        std::abort();
+    }
+}
+
+// Hands out the input bytes one at a time, then zeros.
+class Input {
+  public:
+    Input(const std::uint8_t* data, std::size_t size) : mData(data), mSize(size) {}
+    unsigned int next() { return mPos < mSize ? mData[mPos++] : 0; }
+    // The next `n` bytes, which must be there.
+    const std::uint8_t* skip(std::size_t n) {
+        mPos += n;
+        return mData + mPos - n;
+    }
+    bool empty() const { return mPos >= mSize; }
+
+  private:
+    const std::uint8_t* mData;
+    std::size_t mSize;
+    std::size_t mPos = 0;
+};
+
+void requireSane(const ThreadRawMsg& raw) {
+    require(raw.writePosition() <= raw.maxSize() && raw.readPosition() <= raw.maxSize());
+    require(raw.maxSize() >= 4 || raw.buffer() == nullptr);
+}
+
+// What a getter did: success with exactly `width` bytes copied from the old read position, or
+// failure without moving; scalar failures spoil the pass, and a spoiled pass fails everything.
+void requireRead(ThreadRawMsg& raw, bool ok, unsigned int before, int resultBefore, const void* out,
+                 unsigned int width) {
+    requireSane(raw);
+    if (ok) {
+        require(resultBefore == 0 && raw.getResult() == 0);
+        require(raw.readPosition() == before + width);
+        require(std::memcmp(out, raw.buffer() + before, width) == 0);
+    } else {
+        require(raw.readPosition() == before && raw.getResult() == -1);
+    }
+}
+
+template <class T>
+void getScalar(ThreadRawMsg& raw) {
+    const unsigned int before = raw.readPosition();
+    const int resultBefore = raw.getResult();
+    std::unique_ptr<T> value(new T);
+    const bool ok = raw.get(value.get());
+    requireRead(raw, ok, before, resultBefore, value.get(), sizeof(T));
+}
+
+void getBool(ThreadRawMsg& raw) {
+    const unsigned int before = raw.readPosition();
+    const int resultBefore = raw.getResult();
+    std::unique_ptr<bool> value(new bool);
+    const bool ok = raw.get(value.get());
+    requireSane(raw);
+    if (ok) {
+        require(resultBefore == 0 && raw.readPosition() == before + 1);
+        require(*value == (raw.buffer()[before] != 0));
+    } else {
+        require(raw.readPosition() == before && raw.getResult() == -1);
+    }
+}
+
+// The string length at the read position found the slow way, in units of `unit` bytes.
+unsigned int referenceLength(const ThreadRawMsg& raw, unsigned int capacity, unsigned int unit) {
+    const unsigned int units = (raw.maxSize() - raw.readPosition()) / unit;
+    for (unsigned int k = 0; k < capacity && k < units; ++k) {
+        const unsigned char* p = raw.buffer() + raw.readPosition() + k * unit;
+        if (std::all_of(p, p + unit, [](unsigned char b) { return b == 0; })) {
+            return k + 1;
+        }
+    }
+    return ThreadRawMsg::NO_LENGTH;
+}
+
+// A string getter fails without spoiling when the string does not fit; when it succeeds the
+// copy is terminated within the capacity.
+template <class C>
+void getString(ThreadRawMsg& raw, unsigned int capacity) {
+    constexpr unsigned int unit = sizeof(C) == 1 ? 1 : 4;
+    const unsigned int before = raw.readPosition();
+    const int resultBefore = raw.getResult();
+    const unsigned int length = sizeof(C) == 1 ? raw.checkOutputStrLength(capacity)
+                                               : raw.checkOutputWideStrLength(capacity);
+    require(length == referenceLength(raw, capacity, unit));
+    std::unique_ptr<C[]> out(new C[capacity]);
+    const bool ok = raw.get(out.get(), capacity);
+    requireSane(raw);
+    if (length == ThreadRawMsg::NO_LENGTH || resultBefore != 0) {
+        require(!ok && raw.readPosition() == before && raw.getResult() == resultBefore);
+        return;
+    }
+    require(ok && length <= capacity && out[length - 1] == 0);
+    for (unsigned int k = 0; k + 1 < length; ++k) {
+        require(out[k] != 0);
+    }
+    requireRead(raw, ok, before, resultBefore, out.get(), length * unit);
+}
+
+void getBlock(ThreadRawMsg& raw, unsigned int length) {
+    const unsigned int before = raw.readPosition();
+    const int resultBefore = raw.getResult();
+    std::unique_ptr<unsigned char[]> out(new unsigned char[length]);
+    const bool ok = raw.get(out.get(), length);
+    requireRead(raw, ok, before, resultBefore, out.get(), length);
+}
+
+// A null output fails and spoils the pass without moving.
+void getNull(ThreadRawMsg& raw, unsigned int which) {
+    const unsigned int before = raw.readPosition();
+    const int resultBefore = raw.getResult();
+    const unsigned int length = raw.checkOutputStrLength(16);
+    bool ok = true;
+    switch (which % 3) {
+        case 0:
+            ok = raw.get(static_cast<int*>(nullptr));
+            break;
+        case 1:
+            ok = raw.get(static_cast<unsigned char*>(nullptr), which);
+            break;
+        default:
+            ok = raw.get(static_cast<char*>(nullptr), 16);
+            require(length != ThreadRawMsg::NO_LENGTH || raw.getResult() == resultBefore);
+            break;
+    }
+    require(!ok && raw.readPosition() == before);
+    require(raw.getResult() == -1 || (which % 3 == 2 && length == ThreadRawMsg::NO_LENGTH));
+}
+
+// A message with strings between scalars; its strings live on the heap in buffers of the input's
+// capacities. `complete` says whether the last restore read every field.
+class FuzzMsg : public utl::Msg {
+  public:
+    FuzzMsg(unsigned int textCapacity, unsigned int wideCapacity)
+        : utl::Msg(0),
+          mTextCapacity(textCapacity),
+          mWideCapacity(wideCapacity),
+          mText(new char[textCapacity]),
+          mWide(new wchar_t[wideCapacity]) {}
+
+    bool storeDataTo(utl::MsgDataBroker* b) const override {
+        return b->set(mCount) && b->set(mText.get()) && b->set(mFlag) && b->set(mWide.get()) &&
+               b->set(mBlock, sizeof mBlock) && b->set(mValue);
+    }
+    bool restoreDataFrom(utl::MsgDataBroker& b) override {
+        mComplete = b.get(&mCount) && b.get(mText.get(), mTextCapacity) && b.get(&mFlag) &&
+                    b.get(mWide.get(), mWideCapacity) && b.get(mBlock, sizeof mBlock) &&
+                    b.get(&mValue);
+        return mComplete;
+    }
+
+    // Offset of the bool after a complete restore: id, count and the narrow string before it.
+    unsigned int flagOffset() const {
+        return 4 + sizeof mCount + static_cast<unsigned int>(std::strlen(mText.get())) + 1;
+    }
+    bool complete() const { return mComplete; }
+
+  private:
+    unsigned int mTextCapacity, mWideCapacity;
+    std::unique_ptr<char[]> mText;
+    std::unique_ptr<wchar_t[]> mWide;
+    unsigned short mCount = 0;
+    bool mFlag = false;
+    unsigned char mBlock[5] = {};
+    double mValue = 0;
+    bool mComplete = false;
+};
+
+// Restores the message; a complete restore stored again gives back the bytes it read, with the
+// bool byte as 0 or 1.
+void restoreAndStoreAgain(ThreadRawMsg& raw, unsigned int textCapacity, unsigned int wideCapacity) {
+    FuzzMsg msg(textCapacity, wideCapacity);
+    const bool restored = msg.restoreFrom(raw);
+    requireSane(raw);
+    require(restored == (raw.getResult() == 0));
+    if (!msg.complete()) {
+        return;
+    }
+    require(restored);
+    int id = 0;
+    require(raw.getMsgId(&id) && id == msg.getMsgId());
+    std::vector<unsigned char> expected(raw.buffer(), raw.buffer() + raw.readPosition());
+    expected[msg.flagOffset()] = expected[msg.flagOffset()] != 0 ? 1 : 0;
+    ThreadRawMsg again(raw.maxSize());
+    require(msg.storeTo(&again) && again.writePosition() == raw.readPosition());
+    require(std::memcmp(again.buffer(), expected.data(), expected.size()) == 0);
+}
+
+// The copy constructor restarts; assignment carries positions and result along.
+void checkCopies(ThreadRawMsg& raw) {
+    ThreadRawMsg copy(raw);
+    require(copy.maxSize() == raw.maxSize() && copy.readPosition() == 0);
+    require(copy.writePosition() == 0 && copy.getResult() == (raw.buffer() ? 0 : -1));
+    require(utl::compareMemory(copy.buffer(), raw.buffer(), raw.maxSize()));
+    ThreadRawMsg assigned(7);
+    assigned = raw;
+    require(assigned.maxSize() == raw.maxSize() && assigned.getResult() == raw.getResult());
+    require(assigned.readPosition() == raw.readPosition());
+    require(assigned.writePosition() == raw.writePosition());
+    require(utl::compareMemory(assigned.buffer(), raw.buffer(), raw.maxSize()));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    if (size < 4) {
+        return 0;
+    }
+    Input in(data, size);
+    const unsigned int maxSize = in.next();
+    const unsigned int mode = in.next();
+    const unsigned int bodyLength = std::min<unsigned int>(in.next(), size - 4);
+    const unsigned int fill = in.next();
+    const std::uint8_t* body = in.skip(bodyLength);
+
+    ThreadRawMsg raw(maxSize);
+    require(raw.maxSize() == (maxSize < 4 ? 4 : maxSize) && raw.getResult() == 0);
+    utl::fillMemory(raw.buffer(), raw.maxSize(), static_cast<unsigned char>(fill));
+    if ((mode & 1) != 0) {
+        const int id = static_cast<int>(mode * 0x01010101u);
+        require(raw.setMsgId(id) && raw.beginInput() && raw.writePosition() == 4);
+        const bool ok = raw.set(body, bodyLength);
+        require(ok == (bodyLength <= raw.maxSize() - 4) && raw.getResult() == (ok ? 0 : -1));
+        require(raw.writePosition() == 4 + (ok ? bodyLength : 0));
+        require(!ok || std::memcmp(raw.buffer() + 4, body, bodyLength) == 0);
+        int back = 0;
+        require(raw.getMsgId(&back) && back == id);
+    } else {
+        utl::copyMemory(raw.buffer(), body,
+                        bodyLength < raw.maxSize() ? bodyLength : raw.maxSize());
+    }
+    requireSane(raw);
+
+    require(raw.beginOutput() && raw.readPosition() == 4 && raw.getResult() == 0);
+    while (!in.empty()) {
+        const unsigned int op = in.next();
+        switch (op % 18) {
+            case 0:
+                require(raw.beginOutput() && raw.readPosition() == 4 && raw.getResult() == 0);
+                break;
+            case 1:
+                getBool(raw);
+                break;
+            case 2:
+                getScalar<unsigned char>(raw);
+                break;
+            case 3:
+                getScalar<unsigned short>(raw);
+                break;
+            case 4:
+                getScalar<unsigned int>(raw);
+                break;
+            case 5:
+                getScalar<unsigned long long>(raw);
+                break;
+            case 6:
+                getScalar<signed char>(raw);
+                break;
+            case 7:
+                getScalar<short>(raw);
+                break;
+            case 8:
+                getScalar<int>(raw);
+                break;
+            case 9:
+                getScalar<long long>(raw);
+                break;
+            case 10:
+                getScalar<float>(raw);
+                break;
+            case 11:
+                getScalar<double>(raw);
+                break;
+            case 12:
+                getScalar<void*>(raw);
+                break;
+            case 13:
+                getString<char>(raw, in.next());
+                break;
+            case 14:
+                getString<wchar_t>(raw, in.next() % 72);
+                break;
+            case 15:
+                getBlock(raw, in.next());
+                break;
+            case 16:
+                getNull(raw, in.next());
+                break;
+            default: {
+                int id = 0;
+                const int result = raw.getResult();
+                require(raw.getMsgId(&id) && std::memcmp(&id, raw.buffer(), 4) == 0);
+                require(!raw.getMsgId(nullptr) && raw.getResult() == result);
+                break;
+            }
+        }
+    }
+    checkCopies(raw);
+    restoreAndStoreAgain(raw, 1 + mode / 8, 1 + fill % 32);
+    return 0;
+}
