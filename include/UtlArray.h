@@ -63,7 +63,8 @@ class Array {
     // index >= count.
     bool setAt(unsigned int index, Arg value);
 
-    // Removes the element at `index` by moving the later ones down; false for index >= count.
+    // Removes the element at `index` by moving the later ones down; the vacated last slot is
+    // reset to a default-constructed value. False for index >= count.
     bool removeAt(unsigned int index);
 
     unsigned int getCount() const { return mCount; }
@@ -333,7 +334,10 @@ bool Array<T, Arg>::removeAt(unsigned int index) {
     for (uint32_t i = index + 1; i < mCount; ++i) {
         mData[i - 1] = mData[i];
     }
+    // The vacated slot lets go of what it held now, not when it is next reused: an element
+    // that holds a shared resource must not keep it alive from outside the array.
     --mCount;
+    mData[mCount] = T();
     return true;
 }
 

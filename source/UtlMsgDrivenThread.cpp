@@ -804,7 +804,8 @@ void MsgDrivenThread::keepAliveInLoop(unsigned int line, unsigned int sub) {
 }
 
 // A thread idle in its read is taken out of watching meanwhile, so that it is never taken for
-// hung.
+// hung. Registration is looked at again after the read: a thread registered while it waited
+// starts being watched from its first message on.
 bool MsgDrivenThread::readToken(ThreadCtlMsg* token) {
     ThreadManager* manager = ThreadManager::get();
     for (;;) {
@@ -816,6 +817,7 @@ bool MsgDrivenThread::readToken(ThreadCtlMsg* token) {
         }
         const ssize_t got = read(mReadFd, bytes, sizeof bytes);
         const int readErrno = errno;
+        mWatched = manager->isRegisteredWatchdog(getId());
         if (mWatched) {
             manager->startWatchdog(getId());
         }
@@ -1146,11 +1148,9 @@ bool MsgDrivenThread::killTimer(int timerId, int noWait) {
             return false;
         }
         running = info->mRunning;
-        *info = TimerInfo();
         mTimers.erase(timerId);
         if (!postLocked(MSG_ID_STOP_TIMER, timerId, log)) {
             mTimers.insert(timerId, *findTimerStopEntry(timerId));
-            *findTimerStopEntry(timerId) = TimerInfo();
             mStopEntries.erase(timerId);
             return false;
         }
@@ -1188,8 +1188,6 @@ bool MsgDrivenThread::removeTimer(int timerId) {
         return false;
     }
     detail::TimerSignal::releaseRecord(info->mSignalRecord);
-    // The vacated slot lets go of the running event at once.
-    *info = TimerInfo();
     return mTimers.erase(timerId);
 }
 
@@ -1351,7 +1349,6 @@ int MsgDrivenThread::executeStopTimer(int timerId) {
     const int result = eraseTimerByTimerInfo(info, timerId) ? 0 : -1;
     detail::TimerSignal::releaseRecord(info->mSignalRecord);
     CountingPointer<Event> running = info->mRunning;
-    *info = TimerInfo();
     mStopEntries.erase(timerId);
     running->setOff();
     return result;

@@ -582,7 +582,6 @@ bool ThreadManager::unregister(int id) {
             return false;
         }
         leaving = mRegistry.getAt(position).mValue;
-        mRegistry.getAt(position).mValue = ThreadEntry();
         mRegistry.removeAt(position);
     }
     leaving.detach();

@@ -1,1 +1,336 @@
-// placeholder
+#include "UtlThreadManager.h"
+
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "LogCapture.h"
+#include "ThreadTestSupport.h"
+
+namespace {
+
+using utl::Thread;
+using utl::ThreadManager;
+using utl::ThreadPriority;
+
+TEST(ThreadPriorityTest, LabelsAndOsValuesMapBothWays) {
+    const struct {
+        int label;
+        int osValue;
+        const char* name;
+    } table[] = {{ThreadPriority::TIME_CRITICAL, -4, "TIME_CRITICAL"},
+                 {ThreadPriority::HIGH, -2, "HIGH"},
+                 {ThreadPriority::ABOVE_NORMAL, -1, "ABOVE_NORMAL"},
+                 {ThreadPriority::NORMAL, 0, "NORMAL"},
+                 {ThreadPriority::BELOW_NORMAL, 1, "BELOW_NORMAL"},
+                 {ThreadPriority::LOW, 2, "LOW"},
+                 {ThreadPriority::IDLE, 3, "IDLE"}};
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.name);
+        const ThreadPriority priority(row.label);
+        EXPECT_EQ(priority.OsValue(), row.osValue);
+        EXPECT_EQ(priority.value(), row.label);
+        EXPECT_STREQ(priority.label(), row.name);
+    }
+    ThreadPriority priority(9);
+    EXPECT_EQ(priority.OsValue(), 100);
+    EXPECT_EQ(priority.value(), -1);
+    priority.value(-1);
+    EXPECT_EQ(priority.OsValue(), 100) << "negative indexes are above 6 as unsigned numbers";
+
+    const struct {
+        int osValue;
+        int label;
+    } reverse[] = {{-20, 0}, {-4, 0}, {-3, 1}, {-2, 1}, {3, 6}, {4, -1}, {19, -1}};
+    for (const auto& row : reverse) {
+        priority.OsValue(row.osValue);
+        EXPECT_EQ(priority.value(), row.label) << row.osValue;
+    }
+    priority = ThreadPriority::LOW;
+    EXPECT_EQ(priority, ThreadPriority(ThreadPriority::LOW));
+    EXPECT_NE(priority, ThreadPriority(ThreadPriority::IDLE));
+}
+
+// A thread that records its life cycle and can be held inside execute().
+class Worker : public Thread {
+  public:
+    explicit Worker(const char* name = "worker") : Thread(name, nullptr) {}
+    ~Worker() override {
+        release.open();
+        if (hasDone(0)) {
+            waitTo(3, 0);
+        }
+    }
+
+    void preExecute() override { steps.push_back("pre"); }
+    unsigned int execute() override {
+        steps.push_back("execute");
+        niceInside = getpriority(PRIO_PROCESS, 0);
+        idInside = ThreadManager::getCallerId();
+        running.open();
+        release.wait();
+        return 42;
+    }
+    void postExecute() override { steps.push_back("post"); }
+    void requestStop() override {
+        stopRequests++;
+        release.open();
+    }
+
+    std::vector<std::string> steps;
+    std::atomic<int> niceInside{-100};
+    std::atomic<int> idInside{0};
+    std::atomic<int> stopRequests{0};
+    Gate running;
+    Gate release;
+};
+
+TEST(ThreadTest, LifeCycleRunsInOrderAndReportsItsResult) {
+    Worker worker;
+    EXPECT_EQ(worker.getId(), 0);
+    EXPECT_EQ(worker.stop(1, 100), -1) << "not started";
+    EXPECT_EQ(worker.waitTo(3, 100), -1) << "nothing to wait for before the start";
+    EXPECT_EQ(worker.waitTo(2, 100), -1);
+    EXPECT_EQ(worker.waitTo(5, 100), -1);
+    EXPECT_FALSE(worker.hasDone(4));
+
+    ASSERT_EQ(worker.start(0, 0, nullptr, 1, 0), 0);
+    EXPECT_EQ(worker.start(), -1) << "a thread starts once";
+    ASSERT_TRUE(worker.running.wait());
+    EXPECT_EQ(worker.idInside, worker.getId());
+    EXPECT_TRUE(worker.hasDone(0) && worker.hasDone(1) && !worker.hasDone(2) && !worker.hasDone(3));
+    EXPECT_TRUE(worker.isRunning());
+    unsigned int result = 0;
+    EXPECT_FALSE(worker.getResult(&result));
+    EXPECT_EQ(worker.waitTo(3, 20), utl::Event::WAIT_TIMEOUT);
+
+    EXPECT_EQ(worker.stop(1, 0), 0);
+    EXPECT_EQ(worker.stopRequests, 1);
+    EXPECT_TRUE(worker.hasRequestedStop() && worker.hasDone(3));
+    EXPECT_FALSE(worker.isRunning());
+    EXPECT_TRUE(worker.getResult(&result));
+    EXPECT_EQ(result, 42u);
+    EXPECT_FALSE(worker.getResult(nullptr));
+    EXPECT_EQ(worker.steps, (std::vector<std::string>{"pre", "execute", "post"}));
+    EXPECT_EQ(worker.stop(1, 0), -1) << "finished";
+    EXPECT_EQ(worker.waitTo(3, 0), 0);
+}
+
+TEST(ThreadTest, DefaultExecuteRunsTheCommandOrFails) {
+    struct Answer : utl::Command {
+        unsigned int execute() override { return 7; }
+    } answer;
+    Thread withCommand("command", &answer);
+    Thread without("none", nullptr);
+    ASSERT_EQ(withCommand.start(), 0);
+    ASSERT_EQ(without.start(), 0);
+    ASSERT_EQ(withCommand.waitTo(3, 0), 0);
+    ASSERT_EQ(without.waitTo(3, 0), 0);
+    unsigned int result = 0;
+    EXPECT_TRUE(withCommand.getResult(&result));
+    EXPECT_EQ(result, 7u);
+    EXPECT_TRUE(without.getResult(&result));
+    EXPECT_EQ(result, ~0u);
+}
+
+TEST(ThreadTest, NewThreadRunsAtItsPriorityAndOnlyItChangesIt) {
+    Worker worker;
+    ASSERT_EQ(worker.start(0, 0, nullptr, 0, 0, ThreadPriority(ThreadPriority::LOW)), 0);
+    ASSERT_TRUE(worker.running.wait());
+    EXPECT_EQ(worker.niceInside, 2);
+    ThreadPriority priority;
+    ASSERT_TRUE(worker.getPriority(&priority));
+    EXPECT_EQ(priority.OsValue(), 2);
+    EXPECT_FALSE(worker.setPriority(ThreadPriority(ThreadPriority::IDLE)))
+        << "only the thread itself may change its priority";
+
+    ThreadManager* manager = ThreadManager::get();
+    const int self = ThreadManager::getCallerId();
+    EXPECT_FALSE(manager->setPriority(self, ThreadPriority(ThreadPriority::IDLE)))
+        << "the test's thread is not registered";
+    std::atomic<int> changed{-1};
+    std::atomic<int> invalid{-1};
+    std::atomic<int> niceAfter{-100};
+    struct Changer : Thread {
+        Changer() : Thread("changer", nullptr) {}
+        unsigned int execute() override {
+            *changed = setPriority(ThreadPriority(ThreadPriority::IDLE));
+            *invalid = setPriority(ThreadPriority(8));
+            *niceAfter = getpriority(PRIO_PROCESS, 0);
+            return 0;
+        }
+        std::atomic<int>* changed;
+        std::atomic<int>* invalid;
+        std::atomic<int>* niceAfter;
+    } changer;
+    changer.changed = &changed;
+    changer.invalid = &invalid;
+    changer.niceAfter = &niceAfter;
+    LogCapture log;
+    ASSERT_EQ(changer.start(0, 0, nullptr, 0, 0, ThreadPriority(ThreadPriority::LOW)), 0);
+    ASSERT_EQ(changer.waitTo(3, 0), 0);
+    EXPECT_EQ(changed, 1);
+    EXPECT_EQ(invalid, 0);
+    EXPECT_EQ(niceAfter, 3);
+    EXPECT_TRUE(log.contains("ThreadManager::setPriority() Error ID:" +
+                             std::to_string(changer.getId()) + ", invalidOsValue:100"));
+    ASSERT_TRUE(manager->getPriority(changer.getId(), &priority));
+    EXPECT_EQ(priority.OsValue(), 3);
+}
+
+void parkUntilOpen(void* gate) {
+    static_cast<Gate*>(gate)->wait();
+}
+
+TEST(ThreadManagerTest, RegistryKnowsRunningAndEndedThreads) {
+    ThreadManager* manager = ThreadManager::get();
+    EXPECT_EQ(manager->entry(nullptr, nullptr, 0, 0, nullptr, "x", ThreadPriority(), 0), 0);
+    EXPECT_EQ(manager->entry(parkUntilOpen, nullptr, 0, 0, nullptr, nullptr, ThreadPriority(), 0),
+              0);
+
+    Gate gate;
+    manager->enableRegistrationLog();
+    LogCapture log;
+    const int id = manager->entry(parkUntilOpen, &gate, 0, 0, nullptr, "parked",
+                                  ThreadPriority(ThreadPriority::BELOW_NORMAL), 0);
+    ASSERT_GT(id, 0);
+    EXPECT_TRUE(log.contains("Thread Start and Register ID:" + std::to_string(id) +
+                             ", PriOs:1, Name:parked"));
+    EXPECT_TRUE(manager->isThreadExist(id) && manager->isThreadActive(id) && manager->isActive(id));
+    EXPECT_STREQ(manager->getName(id), "parked");
+    EXPECT_STREQ(manager->findName(id).c_str(), "parked");
+    EXPECT_FALSE(manager->unregister(id)) << "a running thread stays registered";
+    EXPECT_EQ(manager->waitToStop(id, 20), utl::Event::WAIT_TIMEOUT);
+
+    gate.open();
+    EXPECT_EQ(manager->waitToStop(id, 0), 0);
+    EXPECT_TRUE(manager->isThreadExist(id));
+    EXPECT_FALSE(manager->isThreadActive(id) || manager->isActive(id));
+    EXPECT_TRUE(manager->unregister(id));
+    EXPECT_FALSE(manager->isThreadExist(id));
+    EXPECT_FALSE(manager->unregister(id));
+    EXPECT_EQ(manager->waitToStop(id, 0), -1);
+    EXPECT_STREQ(manager->getName(id), "");
+    EXPECT_STREQ(manager->findName(id).c_str(), "");
+}
+
+TEST(ThreadManagerTest, RegistryPrintListsThreadsInIdOrder) {
+    Gate gate;
+    std::vector<int> ids;
+    ThreadManager* manager = ThreadManager::get();
+    for (const char* name : {"first", "second"}) {
+        ids.push_back(manager->entry(parkUntilOpen, &gate, 0, 0, nullptr, name,
+                                     ThreadPriority(ThreadPriority::IDLE), 0));
+    }
+    LogCapture log;
+    manager->printThreadInfoReg(3);
+    gate.open();
+    for (int id : ids) {
+        manager->waitToStop(id, 0);
+    }
+    manager->printThreadInfoReg(3);
+    for (int id : ids) {
+        EXPECT_TRUE(manager->unregister(id));
+    }
+
+    const std::vector<std::string> lines = log.lines();
+    const std::string header =
+        "ID        , Name                            , Status      , Pri.Os    , Pri.Label       ,";
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_NE(lines[0].find(header), std::string::npos);
+    char expected[128];
+    std::vector<size_t> positions;
+    for (const char* status : {"ACTIVE", "INACTIVE"}) {
+        for (size_t i = 0; i < ids.size(); ++i) {
+            snprintf(expected, sizeof expected, "%10d, %-32s, %-12s, %10d, %-16s,", ids[i],
+                     i == 0 ? "first" : "second", status, 3, "IDLE");
+            size_t at = 0;
+            while (at < lines.size() && lines[at].find(expected) == std::string::npos) {
+                ++at;
+            }
+            EXPECT_LT(at, lines.size()) << expected;
+            positions.push_back(at);
+        }
+    }
+    EXPECT_EQ(ids[0] < ids[1], positions[0] < positions[1]) << "rows in id order";
+}
+
+TEST(ThreadManagerTest, FullRegistryRefusesNewThreads) {
+    ThreadManager manager(2);
+    Gate gate;
+    const int a = manager.entry(parkUntilOpen, &gate, 0, 0, nullptr, "a", ThreadPriority(), 0);
+    const int b = manager.entry(parkUntilOpen, &gate, 0, 0, nullptr, "b", ThreadPriority(), 0);
+    EXPECT_TRUE(a > 0 && b > 0);
+    EXPECT_EQ(manager.entry(parkUntilOpen, &gate, 0, 0, nullptr, "c", ThreadPriority(), 0), 0);
+    gate.open();
+    EXPECT_EQ(manager.waitToStop(a, 0), 0);
+    EXPECT_EQ(manager.waitToStop(b, 0), 0);
+    EXPECT_TRUE(manager.unregister(a));
+    const int c = manager.entry(parkUntilOpen, &gate, 0, 0, nullptr, "c", ThreadPriority(), 0);
+    EXPECT_GT(c, 0) << "an unregistered thread frees its place";
+    EXPECT_EQ(manager.waitToStop(c, 0), 0);
+}
+
+TEST(ThreadManagerTest, DetachPolicyLeavesAZeroHandleAlone) {
+    unsigned long zero = 0;
+    ThreadManager::DetachThread detach;
+    detach(&zero);
+    detach(nullptr);
+    EXPECT_EQ(zero, 0u) << "not freed, not detached";
+}
+
+TEST(ThreadTest, FinishedThreadLeavesTheRegistryWithItsObject) {
+    int id = 0;
+    {
+        Worker worker;
+        ASSERT_EQ(worker.start(), 0);
+        id = worker.getId();
+        ASSERT_EQ(worker.stop(1, 0), 0);
+        EXPECT_TRUE(ThreadManager::get()->isThreadExist(id));
+    }
+    EXPECT_FALSE(ThreadManager::get()->isThreadExist(id));
+
+    Worker kept;
+    ASSERT_EQ(kept.start(), 0);
+    EXPECT_FALSE(kept.leaveManagement());
+    kept.release.open();
+    ASSERT_EQ(kept.waitTo(3, 0), 0);
+    EXPECT_TRUE(kept.leaveManagement());
+    EXPECT_FALSE(kept.leaveManagement());
+}
+
+void noOp(int) {}
+
+TEST(ThreadTest, SleepGoesOnAfterASignal) {
+    struct sigaction action = {};
+    action.sa_handler = noOp;
+    sigaction(SIGUSR1, &action, nullptr);  // without SA_RESTART: nanosleep ends with EINTR
+    std::atomic<int> sleeper{0};
+    std::atomic<int> result{-2};
+    std::chrono::steady_clock::duration slept{};
+    Sender thread([&] {
+        sleeper = ThreadManager::getCallerId();
+        const auto begin = std::chrono::steady_clock::now();
+        result = Thread::sleep(300);
+        slept = std::chrono::steady_clock::now() - begin;
+    });
+    ASSERT_TRUE(waitUntil([&] { return sleeper != 0; }));
+    ASSERT_TRUE(thread.awaitBlocked());
+    for (int i = 0; i < 3; ++i) {
+        syscall(SYS_tgkill, getpid(), sleeper.load(), SIGUSR1);
+        Thread::sleep(10);
+    }
+    thread.join();
+    EXPECT_EQ(result, 0);
+    EXPECT_GE(slept, std::chrono::milliseconds(299));
+}
+
+}  // namespace
