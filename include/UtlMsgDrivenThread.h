@@ -285,10 +285,10 @@ class MsgDrivenThread : public Thread {
     TimerInfo* findTimerStopEntry(int timerId);
     int toUserTimerId(int sysTimerNumber);
     bool startTimerByTimerInfo(TimerInfo* info);
-    bool eraseTimerByTimerInfo(TimerInfo* info, int timerId);
+    bool eraseTimerByTimerInfo(TimerInfo* info, int timerId, detail::DeferredLog& log);
     int executeStartTimer(int timerId);
     void finishTimerStart(int timerId);
-    int executeStopTimer(int timerId);
+    int executeStopTimer(int timerId, detail::DeferredLog& log);
     void executeTimeoutSignal(int timerId);
     int executeTimeout(int timerId);
     int TimeoutPostHandling(int timerId);

@@ -148,9 +148,17 @@ void TimerSignal::handle(int signal, siginfo_t* info, void*) {
     errno = savedErrno;
 }
 
+namespace {
+
+// Never destroyed: timers of threads still running at exit may fire until the very end.
+struct LoopTimerSignal : TimerSignal {
+    LoopTimerSignal() : TimerSignal(2) {}
+};
+
+}  // namespace
+
 TimerSignal& loopTimerSignal() {
-    static TimerSignal instance(2);
-    return instance;
+    return immortalInstance<LoopTimerSignal>();
 }
 
 namespace {
@@ -916,7 +924,7 @@ int MsgDrivenThread::dispatch(const ThreadCtlMsg& front) {
             return started != 0 && removed ? 0 : -1;
         }
         case MSG_ID_STOP_TIMER: {
-            const int result = executeStopTimer(front.mParam);
+            const int result = executeStopTimer(front.mParam, mLoopLog);
             return removeFront() ? result : -1;
         }
         case MSG_ID_TIMEOUT:
@@ -1128,14 +1136,17 @@ bool MsgDrivenThread::killTimer(int timerId, int noWait) {
         return false;
     }
     if (isCallerLoop()) {
-        SyncGuard guard(mQueueLock);
-        TimerInfo* info = findTimer(timerId);
-        if (info == nullptr) {
-            return false;
+        {
+            SyncGuard guard(mQueueLock);
+            TimerInfo* info = findTimer(timerId);
+            if (info == nullptr) {
+                return false;
+            }
+            eraseTimerByTimerInfo(info, timerId, mLoopLog);
+            info->mRunning->setOff();
+            removeTimer(timerId);
         }
-        eraseTimerByTimerInfo(info, timerId);
-        info->mRunning->setOff();
-        removeTimer(timerId);
+        mLoopLog.flush();
         return true;
     }
     SyncGuard senderGuard(mSenderLock);
@@ -1162,14 +1173,15 @@ bool MsgDrivenThread::killTimer(int timerId, int noWait) {
 }
 
 void MsgDrivenThread::eraseAllTimer() {
+    detail::DeferredLog log;
     SyncGuard guard(mQueueLock);
     for (unsigned int i = 0; i < mTimers.getCount(); ++i) {
         Map<int, TimerInfo>::Entry& entry = mTimers.getAt(i);
-        eraseTimerByTimerInfo(&entry.mValue, entry.mKey);
+        eraseTimerByTimerInfo(&entry.mValue, entry.mKey, log);
         entry.mValue.mRunning->setOff();
     }
     while (mStopEntries.getCount() > 0) {
-        executeStopTimer(mStopEntries.getAt(0).mKey);
+        executeStopTimer(mStopEntries.getAt(0).mKey, log);
     }
 }
 
@@ -1192,10 +1204,11 @@ bool MsgDrivenThread::removeTimer(int timerId) {
 }
 
 void MsgDrivenThread::releaseAllTimers() {
+    detail::DeferredLog log;
     SyncGuard guard(mQueueLock);
     while (mTimers.getCount() > 0) {
         const int timerId = mTimers.getAt(0).mKey;
-        eraseTimerByTimerInfo(findTimer(timerId), timerId);
+        eraseTimerByTimerInfo(findTimer(timerId), timerId, log);
         removeTimer(timerId);
     }
 }
@@ -1228,7 +1241,8 @@ bool MsgDrivenThread::startTimerByTimerInfo(TimerInfo* info) {
 }
 
 // Deletes the POSIX timer and takes the timer's queued expiries out of the control queue.
-bool MsgDrivenThread::eraseTimerByTimerInfo(TimerInfo* info, int timerId) {
+bool MsgDrivenThread::eraseTimerByTimerInfo(TimerInfo* info, int timerId,
+                                            detail::DeferredLog& log) {
     if (info == nullptr) {
         return false;
     }
@@ -1236,9 +1250,8 @@ bool MsgDrivenThread::eraseTimerByTimerInfo(TimerInfo* info, int timerId) {
         return true;
     }
     if (timer_delete(info->mTimer) != 0) {
-        mLoopLog.add(detail::LEVEL_ERROR,
-                     "MsgDrivenThread(%s) timer_delete SysTimerNum:0x%08x errno:%d", getName(),
-                     static_cast<unsigned int>(info->mSysTimerNumber), errno);
+        log.add(detail::LEVEL_ERROR, "MsgDrivenThread(%s) timer_delete SysTimerNum:0x%08x errno:%d",
+                getName(), static_cast<unsigned int>(info->mSysTimerNumber), errno);
         return false;
     }
     info->mSignalRecord->mFd.store(-1);
@@ -1314,9 +1327,10 @@ int MsgDrivenThread::TimeoutPostHandling(int timerId) {
         if (info->mRunOn != 0) {
             return 2;
         }
-        return eraseTimerByTimerInfo(info, timerId) && startTimerByTimerInfo(info) ? 2 : 0;
+        return eraseTimerByTimerInfo(info, timerId, mLoopLog) && startTimerByTimerInfo(info) ? 2
+                                                                                             : 0;
     }
-    eraseTimerByTimerInfo(info, timerId);
+    eraseTimerByTimerInfo(info, timerId, mLoopLog);
     info->mRunning->setOff();
     removeTimer(timerId);
     return 3;
@@ -1340,13 +1354,13 @@ int MsgDrivenThread::executeStartTimer(int timerId) {
     return 1;
 }
 
-int MsgDrivenThread::executeStopTimer(int timerId) {
+int MsgDrivenThread::executeStopTimer(int timerId, detail::DeferredLog& log) {
     SyncGuard guard(mQueueLock);
     TimerInfo* info = findTimerStopEntry(timerId);
     if (info == nullptr) {
         return 0;
     }
-    const int result = eraseTimerByTimerInfo(info, timerId) ? 0 : -1;
+    const int result = eraseTimerByTimerInfo(info, timerId, log) ? 0 : -1;
     detail::TimerSignal::releaseRecord(info->mSignalRecord);
     CountingPointer<Event> running = info->mRunning;
     mStopEntries.erase(timerId);

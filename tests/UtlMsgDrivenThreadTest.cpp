@@ -1,10 +1,14 @@
 #include "UtlMsgDrivenThread.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -401,9 +405,37 @@ int queuedExpiries(MsgDrivenThread& thread) {
     return count;
 }
 
+std::set<int> openDescriptors() {
+    std::set<int> fds;
+    if (DIR* dir = opendir("/proc/self/fd")) {
+        while (const dirent* entry = readdir(dir)) {
+            fds.insert(std::atoi(entry->d_name));
+        }
+        closedir(dir);
+    }
+    return fds;
+}
+
+// The write end of the pipe that a loop made in its constructor: the new write-only descriptor.
+int newPipeWriteEnd(const std::set<int>& before) {
+    for (int fd : openDescriptors()) {
+        if (before.count(fd) == 0 && (fcntl(fd, F_GETFL) & O_ACCMODE) == O_WRONLY) {
+            return fd;
+        }
+    }
+    return -1;
+}
+
+// The listener sleeps two seconds in the first expiry of a 1 ms run-on timer, with the loop's
+// pipe cut to one page: the signals overflow it, the handler's writes fail without blocking,
+// and the loop reports that once it reads again.
 TEST(MsgDrivenThreadTest, BusyListenerKeepsAtMostTwoRunOnExpiriesQueued) {
     RecordingListener listener;
+    const std::set<int> before = openDescriptors();
     TimerThread thread;
+    const int pipe = newPipeWriteEnd(before);
+    ASSERT_GE(pipe, 0);
+    ASSERT_GT(fcntl(pipe, F_SETPIPE_SZ, 4096), 0);
     std::atomic<int> deliveries{0};
     std::atomic<int> mostQueued{0};
     listener.onReceive = [&](const Received& r) {
@@ -415,6 +447,7 @@ TEST(MsgDrivenThreadTest, BusyListenerKeepsAtMostTwoRunOnExpiriesQueued) {
         }
         mostQueued = std::max(mostQueued.load(), queuedExpiries(thread));
     };
+    LogCapture log;
     ASSERT_EQ(thread.start(&listener), 0);
     const int timerId = thread.setTimer(1, 0, 0, 1);
     ASSERT_GT(timerId, 0);
@@ -422,6 +455,11 @@ TEST(MsgDrivenThreadTest, BusyListenerKeepsAtMostTwoRunOnExpiriesQueued) {
     EXPECT_LE(mostQueued, 1) << "besides the one being delivered, at most one more waits";
     EXPECT_TRUE(thread.sendMsgSync(1)) << "the loop resumed normally";
     EXPECT_TRUE(thread.killTimer(timerId));
+    EXPECT_TRUE(
+        log.contains("MsgDrivenThread::TimeoutSignalHandler() Error. write Ret:4294967295 "
+                     "errno:" +
+                     std::to_string(EAGAIN) + " SysTimerNum="));
+    EXPECT_TRUE(log.contains(" PIPE=" + std::to_string(pipe)));
 }
 
 TEST(MsgDrivenThreadTest, ReArmedTimerQueuesOneExpiryAtATime) {
