@@ -279,6 +279,33 @@ TEST(ThreadManagerTest, FullRegistryRefusesNewThreads) {
     EXPECT_EQ(manager.waitToStop(c, 0), 0);
 }
 
+TEST(ThreadManagerTest, EntryMaximumCanBeChangedAboveTheRegisteredCount) {
+    Gate gate;
+    ThreadManager* manager = ThreadManager::get();
+    const int parked =
+        manager->entry(parkUntilOpen, &gate, 0, 0, nullptr, "p", ThreadPriority(), 0);
+    ASSERT_GT(parked, 0);
+    EXPECT_FALSE(ThreadManager::initializeEntryMax(0));
+    EXPECT_TRUE(ThreadManager::initializeEntryMax(1));
+    EXPECT_EQ(manager->entry(parkUntilOpen, &gate, 0, 0, nullptr, "q", ThreadPriority(), 0), 0);
+    EXPECT_TRUE(ThreadManager::initializeEntryMax(ThreadManager::DEFAULT_ENTRY_MAX));
+    gate.open();
+    EXPECT_EQ(manager->waitToStop(parked, 0), 0);
+    EXPECT_TRUE(manager->unregister(parked));
+}
+
+TEST(ThreadManagerTest, DestroyedManagerIsMadeAgainOnDemand) {
+    ASSERT_NE(ThreadManager::get(), nullptr);
+    ThreadManager::destroy();
+    EXPECT_EQ(ThreadManager::getIfCreated(), nullptr);
+    Gate gate;
+    gate.open();
+    const int id = ThreadManager::get()->entry(parkUntilOpen, &gate, 0, 0, nullptr, "again",
+                                               ThreadPriority(), 0);
+    EXPECT_GT(id, 0);
+    EXPECT_EQ(ThreadManager::get()->waitToStop(id, 0), 0);
+}
+
 TEST(ThreadManagerTest, DetachPolicyLeavesAZeroHandleAlone) {
     unsigned long zero = 0;
     ThreadManager::DetachThread detach;
