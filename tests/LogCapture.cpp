@@ -18,12 +18,12 @@ Received& received() {
     return instance;
 }
 
-std::string withoutLineEnd(const char* data, unsigned int length) {
-    std::string line(data, length);
-    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) {
-        line.pop_back();
-    }
-    return line;
+void setCapturing(bool on) {
+    Received& r = received();
+    std::lock_guard<std::mutex> guard(r.lock);
+    r.capturing = on;
+    r.lines.clear();
+    r.channels.clear();
 }
 
 }  // namespace
@@ -32,29 +32,24 @@ void BinaryLogWrite(int channel, const char* data, unsigned int length) {
     Received& r = received();
     std::lock_guard<std::mutex> guard(r.lock);
     if (r.capturing) {
-        r.lines.push_back(withoutLineEnd(data, length));
+        std::string line(data, length);
+        line.erase(line.find_last_not_of("\r\n") + 1);
+        r.lines.push_back(line);
         r.channels.push_back(channel);
     }
 }
 
 LogCapture::LogCapture() {
-    Received& r = received();
-    std::lock_guard<std::mutex> guard(r.lock);
-    r.capturing = true;
-    r.lines.clear();
-    r.channels.clear();
+    setCapturing(true);
 }
 
 LogCapture::~LogCapture() {
-    Received& r = received();
-    std::lock_guard<std::mutex> guard(r.lock);
-    r.capturing = false;
+    setCapturing(false);
 }
 
 std::vector<std::string> LogCapture::lines() const {
-    Received& r = received();
-    std::lock_guard<std::mutex> guard(r.lock);
-    return r.lines;
+    std::lock_guard<std::mutex> guard(received().lock);
+    return received().lines;
 }
 
 bool LogCapture::contains(const std::string& text) const {
@@ -67,43 +62,32 @@ bool LogCapture::contains(const std::string& text) const {
 }
 
 std::vector<int> LogCapture::channels() const {
-    Received& r = received();
-    std::lock_guard<std::mutex> guard(r.lock);
-    return r.channels;
+    std::lock_guard<std::mutex> guard(received().lock);
+    return received().channels;
 }
 
-StdoutCapture::StdoutCapture() : mFile(std::tmpfile()), mSaved(-1) {
-    if (mFile != nullptr) {
-        std::fflush(stdout);
-        mSaved = dup(STDOUT_FILENO);
-        dup2(fileno(mFile), STDOUT_FILENO);
+OutputCapture::OutputCapture(int fd) : mFd(fd), mFile(std::tmpfile()), mSaved(dup(fd)) {
+    std::fflush(stdout);
+    dup2(fileno(mFile), fd);
+}
+
+OutputCapture::~OutputCapture() {
+    std::fflush(stdout);
+    if (mSaved >= 0) {
+        dup2(mSaved, mFd);
+        close(mSaved);
+    } else {
+        close(mFd);
     }
+    std::fclose(mFile);
 }
 
-StdoutCapture::~StdoutCapture() {
-    restore();
-    if (mFile != nullptr) {
-        std::fclose(mFile);
-    }
-}
-
-std::string StdoutCapture::text() {
-    restore();
+std::string OutputCapture::text() const {
+    std::fflush(stdout);
     std::string text;
-    if (mFile != nullptr) {
-        std::rewind(mFile);
-        for (int c; (c = std::fgetc(mFile)) != EOF;) {
-            text.push_back(static_cast<char>(c));
-        }
+    char buffer[4096];
+    for (ssize_t n; (n = pread(fileno(mFile), buffer, sizeof buffer, text.size())) > 0;) {
+        text.append(buffer, static_cast<std::size_t>(n));
     }
     return text;
-}
-
-void StdoutCapture::restore() {
-    if (mSaved >= 0) {
-        std::fflush(stdout);
-        dup2(mSaved, STDOUT_FILENO);
-        close(mSaved);
-        mSaved = -1;
-    }
 }

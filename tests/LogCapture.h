@@ -21,26 +21,25 @@ class LogCapture {
     std::vector<int> channels() const;
 };
 
-// Collects what the printf sink writes: standard output goes to a temporary file meanwhile.
-class StdoutCapture {
+// Sends descriptor `fd` (standard output by default) to a temporary file while it exists.
+class OutputCapture {
   public:
-    StdoutCapture();
-    ~StdoutCapture();
+    explicit OutputCapture(int fd = 1);
+    ~OutputCapture();
 
-    // Everything written since construction; standard output is restored.
-    std::string text();
+    // Everything written to the descriptor so far.
+    std::string text() const;
 
   private:
-    void restore();
-
+    int mFd;
     std::FILE* mFile;
-    int mSaved;
+    int mSaved;  // the descriptor as it was; -1 when it was closed
 };
 
 // What `body` writes to standard output.
 template <class Body>
 std::string captureStdout(Body body) {
-    StdoutCapture capture;
+    OutputCapture capture;
     body();
     return capture.text();
 }

@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
 #include <ctime>
 #include <regex>
 #include <string>
@@ -22,6 +21,15 @@ namespace {
 
 const std::string kStamp = "[A-Z][a-z]{2} [ 0-9][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} ";
 
+// Whether `line` is today's stamp followed by `rest` (a regular expression).
+bool isStamped(const std::string& line, const std::string& rest) {
+    const time_t now = std::time(nullptr);
+    char today[32] = {};
+    ctime_r(&now, today);
+    return std::regex_match(line, std::regex(kStamp + rest)) &&
+           line.compare(0, 6, today + 4, 6) == 0;
+}
+
 // Restores the built-in filter levels that a test changes.
 struct LogLevelsTest : testing::Test {
     ~LogLevelsTest() override {
@@ -30,64 +38,45 @@ struct LogLevelsTest : testing::Test {
     }
 };
 
+// Levels above 5, negative ones included, are debug messages: printf only, at filter 5.
 TEST_F(LogLevelsTest, LevelsDecideFilterPrefixAndSinks) {
-    struct Case {
-        int type, level;
+    const struct {
+        int type, level, filter;
         const char* printed;  // the expected line after the stamp, or null when dropped
         bool binary;
+    } cases[] = {
+        {-2, 4, 4, "<UTIL> DTL: m\r\n", false}, {-2, 5, 4, nullptr, false},
+        {77, 3, 4, "INF: m\r\n", true},         {77, 0, 4, nullptr, false},
+        {-2, 1, 4, "<UTIL> ERR: m\r\n", true},  {-2, 9, 4, nullptr, false},
+        {-2, 9, 5, "<UTIL> DBG: m\r\n", false}, {-2, -1, 5, "<UTIL> DBG: m\r\n", false},
     };
-    const Case cases[] = {
-        {-2, 4, "<UTIL> DTL: m\r\n", false}, {-2, 5, nullptr, false},
-        {77, 3, "INF: m\r\n", true},         {77, 0, nullptr, false},
-        {-2, 1, "<UTIL> ERR: m\r\n", true},  {-2, 9, nullptr, false},
-    };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << "type " << c.type << " level " << c.level);
+        setFilterLevel(-2, c.filter);
         LogCapture binary;
-        StdoutCapture out;
+        OutputCapture out;
         applog(c.type, c.level, "%s", "m");
-        const std::string text = out.text();
-        if (c.printed == nullptr) {
-            EXPECT_EQ(text, "");
-        } else {
-            EXPECT_TRUE(std::regex_match(text, std::regex(kStamp + c.printed))) << text;
-            const time_t now = std::time(nullptr);
-            char expected[64] = {};
-            ctime_r(&now, expected);
-            EXPECT_EQ(text.substr(0, 6), std::string(expected + 4, 6)) << "month and day";
-        }
+        EXPECT_TRUE(c.printed ? isStamped(out.text(), c.printed) : out.text().empty())
+            << out.text();
         EXPECT_EQ(binary.lines().size(), c.binary ? 1u : 0u);
-    }
-
-    // Levels above 5, negative ones included, are debug messages: printf only, at filter 5.
-    setFilterLevel(-2, 5);
-    for (int level : {9, -1}) {
-        LogCapture binary;
-        StdoutCapture out;
-        applog(-2, level, "x");
-        EXPECT_TRUE(std::regex_match(out.text(), std::regex(kStamp + "<UTIL> DBG: x\r\n")));
-        EXPECT_TRUE(binary.lines().empty());
     }
 }
 
-TEST_F(LogLevelsTest, LongLinesAreCutWithAnEllipsis) {
+TEST_F(LogLevelsTest, LongLinesAreCutWithAnEllipsisAndPrintfInterpretsTheTextOnceMore) {
     const std::string message(300, 'x');
-    StdoutCapture quiet;
+    OutputCapture out;
     LogCapture binary;
     applog(-2, 1, "%s", message.c_str());
     rawlog(-2, 1, "%s", message.c_str());
+    const std::size_t printed = out.text().size();
     rawlog(-2, 1, "%s", "100%%");
-    ASSERT_EQ(binary.lines().size(), 3u);
-    const std::string stamped = binary.lines()[0];
-    EXPECT_EQ(stamped.size(), 253u);
-    EXPECT_EQ(stamped.substr(250), "...");
-    EXPECT_EQ(binary.lines()[1], std::string(252, 'x') + "...");
-    EXPECT_EQ(binary.lines()[2], "100%%");
-
-    quiet.text();
-    StdoutCapture out;
-    rawlog(-2, 1, "%s", "100%%");
-    EXPECT_EQ(out.text(), "100%") << "the printf sink interprets the text once more";
+    EXPECT_EQ(out.text().substr(printed), "100%");
+    const std::vector<std::string> lines = binary.lines();
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0].size(), 253u);
+    EXPECT_EQ(lines[0].substr(250), "...");
+    EXPECT_EQ(lines[1], std::string(252, 'x') + "...");
+    EXPECT_EQ(lines[2], "100%%");
 }
 
 TEST_F(LogLevelsTest, TypesAreRegisteredOverwrittenAndFiltered) {
@@ -110,14 +99,13 @@ TEST_F(LogLevelsTest, TypesAreRegisteredOverwrittenAndFiltered) {
     EXPECT_EQ(getFilterLevel(5), 5);
     setFilterLevel(5, 2);
 
-    StdoutCapture quiet;
+    OutputCapture quiet;
     LogCapture binary;
     applog(5, 2, "kept");
     applog(5, 3, "dropped");
     applog(5, 2, nullptr);
-    quiet.text();
     ASSERT_EQ(binary.lines().size(), 1u);
-    EXPECT_TRUE(std::regex_match(binary.lines()[0], std::regex(kStamp + "\\[five\\] WRN: kept")));
+    EXPECT_TRUE(isStamped(binary.lines()[0], "\\[five\\] WRN: kept"));
     EXPECT_EQ(binary.channels(), std::vector<int>{3});
 
     EXPECT_TRUE(setLogTag(tag31.c_str()));
@@ -127,9 +115,8 @@ TEST_F(LogLevelsTest, TypesAreRegisteredOverwrittenAndFiltered) {
 
 // Many threads log, register types and change levels at once: every line arrives whole.
 TEST_F(LogLevelsTest, ConcurrentLoggingKeepsLinesWhole) {
-    constexpr int kThreads = 6;
-    constexpr int kMessages = 300;
-    StdoutCapture quiet;
+    constexpr int kThreads = 6, kMessages = 300;
+    OutputCapture quiet;
     LogCapture binary;
     std::atomic<bool> go(false);
     std::vector<std::thread> threads;
@@ -156,59 +143,42 @@ TEST_F(LogLevelsTest, ConcurrentLoggingKeepsLinesWhole) {
     }
 }
 
-// Runs `body` in a child process with a private mount namespace in which a datagram socket
-// stands at /dev/log; the child exits 0 on success, 77 when it cannot arrange the receiver.
-int runWithSyslogReceiver(bool (*body)(int socket)) {
-    const pid_t child = fork();
-    if (child == 0) {
-        if (unshare(CLONE_NEWNS) != 0 ||
-            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) ||
-            mount("tmpfs", "/dev", "tmpfs", 0, nullptr) != 0) {
-            _exit(77);
-        }
-        const int receiver = socket(AF_UNIX, SOCK_DGRAM, 0);
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        std::snprintf(address.sun_path, sizeof address.sun_path, "/dev/log");
-        if (receiver < 0 || bind(receiver, reinterpret_cast<sockaddr*>(&address), sizeof address)) {
-            _exit(77);
-        }
-        _exit(body(receiver) ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
-}
-
+// The next datagram on `socket` (5 s at most).
 std::string receive(int socket) {
     timeval timeout = {5, 0};
     setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-    char buffer[512] = {};
-    const ssize_t length = recv(socket, buffer, sizeof buffer - 1, 0);
-    return length > 0 ? std::string(buffer, static_cast<std::size_t>(length)) : std::string();
+    char buffer[512];
+    const ssize_t length = recv(socket, buffer, sizeof buffer, 0);
+    return std::string(buffer, length > 0 ? static_cast<std::size_t>(length) : 0);
 }
 
-bool startsEndsWith(const std::string& text, const std::string& start, const std::string& end) {
-    return text.size() >= start.size() + end.size() && text.compare(0, start.size(), start) == 0 &&
-           text.compare(text.size() - end.size(), end.size(), end) == 0;
-}
-
+// Logs in a child process with a private mount namespace in which a datagram socket stands at
+// /dev/log. syslog puts "<priority>" (facility user, 8), its own time stamp and the program name
+// before the text, which starts at the tag and has no line end.
 TEST(LogSyslogTest, SyslogReceivesLevelsOneToThreeWithoutStamp) {
-    const int result = runWithSyslogReceiver([](int socket) {
+    const pid_t child = fork();
+    if (child == 0) {
+        sockaddr_un address = {AF_UNIX, "/dev/log"};
+        const int receiver = socket(AF_UNIX, SOCK_DGRAM, 0);
+        if (unshare(CLONE_NEWNS) != 0 ||
+            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) ||
+            mount("tmpfs", "/dev", "tmpfs", 0, nullptr) != 0 ||
+            bind(receiver, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+            _exit(77);
+        }
         applog(77, 3, "to syslog %d", 42);
-        const std::string info = receive(socket);
+        const std::regex info("<14>.*: INF: to syslog 42"), error("<11>.*: <UTIL> ERR: error");
+        const bool infoOk = std::regex_match(receive(receiver), info);
         applog(-2, 4, "detail is not sent");
         applog(-2, 1, "error");
-        const std::string error = receive(socket);
-        // syslog puts "<priority>" (facility user, 8), its own time stamp and the program name
-        // before the text, which starts at the tag and has no line end.
-        return startsEndsWith(info, "<14>", ": INF: to syslog 42") &&
-               startsEndsWith(error, "<11>", ": <UTIL> ERR: error");
-    });
-    if (result == 77) {
+        _exit(infoOk && std::regex_match(receive(receiver), error) ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 77) {
         GTEST_SKIP() << "no syslog receiver: a private mount namespace needs root";
     }
-    EXPECT_EQ(result, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
 }  // namespace

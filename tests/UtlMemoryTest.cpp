@@ -13,34 +13,6 @@
 #include "LogCapture.h"
 #include "UtlThreadManager.h"
 
-namespace {
-
-TEST(MemoryTest, HelpersMatchTheCFunctionsAndIgnoreNullPointers) {
-    unsigned char bytes[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    utl::moveMemory(bytes + 2, bytes, 5);
-    const unsigned char moved[8] = {1, 2, 1, 2, 3, 4, 5, 8};
-    EXPECT_TRUE(utl::compareMemory(bytes, moved, 8)) << "an overlapping move keeps the order";
-
-    utl::copyMemory(bytes, moved + 4, 2);
-    utl::fillMemory(bytes + 2, 3, 0xAB);
-    utl::zeroMemory(bytes + 6, 2);
-    const unsigned char filled[8] = {3, 4, 0xAB, 0xAB, 0xAB, 4, 0, 0};
-    EXPECT_TRUE(utl::compareMemory(bytes, filled, 8));
-    EXPECT_FALSE(utl::compareMemory(bytes, moved, 8));
-    EXPECT_TRUE(utl::compareMemory(bytes, moved, 0));
-
-    utl::copyMemory(nullptr, bytes, 4);
-    utl::copyMemory(bytes, nullptr, 4);
-    utl::moveMemory(bytes, nullptr, 4);
-    utl::fillMemory(nullptr, 4, 1);
-    utl::zeroMemory(nullptr, 4);
-    EXPECT_TRUE(utl::compareMemory(bytes, filled, 8));
-    EXPECT_FALSE(utl::compareMemory(nullptr, bytes, 0));
-    EXPECT_FALSE(utl::compareMemory(bytes, nullptr, 0));
-}
-
-}  // namespace
-
 namespace utl {
 
 // Reads the totals and the table of the heap-accounting object.
@@ -62,6 +34,28 @@ using Access = utl::MemoryTestAccess;
 constexpr int ALLOC = Memory::KIND_ALLOCATION;
 constexpr int RELEASE = Memory::KIND_RELEASE;
 
+TEST(MemoryTest, HelpersMatchTheCFunctionsAndIgnoreNullPointers) {
+    unsigned char bytes[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    utl::moveMemory(bytes + 2, bytes, 5);
+    const unsigned char moved[8] = {1, 2, 1, 2, 3, 4, 5, 8};
+    EXPECT_TRUE(utl::compareMemory(bytes, moved, 8)) << "an overlapping move keeps the order";
+
+    utl::copyMemory(bytes, moved + 4, 2);
+    utl::fillMemory(bytes + 2, 3, 0xAB);
+    utl::zeroMemory(bytes + 6, 2);
+    utl::copyMemory(nullptr, bytes, 4);
+    utl::copyMemory(bytes, nullptr, 4);
+    utl::moveMemory(bytes, nullptr, 4);
+    utl::fillMemory(nullptr, 4, 1);
+    utl::zeroMemory(nullptr, 4);
+    const unsigned char filled[8] = {3, 4, 0xAB, 0xAB, 0xAB, 4, 0, 0};
+    EXPECT_TRUE(utl::compareMemory(bytes, filled, 8));
+    EXPECT_FALSE(utl::compareMemory(bytes, moved, 8));
+    EXPECT_TRUE(utl::compareMemory(bytes, moved, 0));
+    EXPECT_FALSE(utl::compareMemory(nullptr, bytes, 0));
+    EXPECT_FALSE(utl::compareMemory(bytes, nullptr, 0));
+}
+
 void* at(uintptr_t address) {
     return reinterpret_cast<void*>(address);
 }
@@ -79,42 +73,7 @@ std::string callerId() {
     return text;
 }
 
-// A temporary file; with `onFd0`, descriptor 0 goes to it while this exists.
-class TempFile {
-  public:
-    explicit TempFile(bool onFd0 = false) : mFile(std::tmpfile()), mSaved(onFd0 ? dup(0) : -2) {
-        EXPECT_NE(nullptr, mFile);
-        if (onFd0) {
-            EXPECT_EQ(0, dup2(fileno(mFile), 0));
-        }
-    }
-    ~TempFile() {
-        if (mSaved >= 0) {
-            dup2(mSaved, 0);
-            close(mSaved);
-        } else if (mSaved == -1) {
-            close(0);  // it was closed before
-        }
-        std::fclose(mFile);
-    }
-
-    int descriptor() const { return fileno(mFile); }
-    std::string text() const {
-        std::string result;
-        char buffer[4096];
-        ssize_t n;
-        while ((n = pread(descriptor(), buffer, sizeof buffer, result.size())) > 0) {
-            result.append(buffer, static_cast<std::size_t>(n));
-        }
-        return result;
-    }
-
-  private:
-    std::FILE* mFile;
-    int mSaved;  // descriptor 0 as it was; -2 when not captured
-};
-
-// Every test starts from a fresh object and leaves none behind.
+// Every test starts from a fresh object and leaves none behind; the messages go to descriptor 0.
 class HeapAccountingTest : public ::testing::Test {
   protected:
     void SetUp() override { renew(); }
@@ -137,14 +96,11 @@ TEST_F(HeapAccountingTest, OneObjectForAllThreadsAndAFreshOneAfterDestroy) {
     for (std::thread& thread : threads) {
         thread.join();
     }
-    for (Memory* object : seen) {
-        EXPECT_EQ(memory, object);
-    }
+    EXPECT_EQ(std::vector<Memory*>(seen, seen + 4), std::vector<Memory*>(4, memory));
 
     memory->updateManagement(ALLOC, at(0x1000), 10, 0, 1);
     memory->registerThreadName(7, "seven");
     memory->mark();
-    Memory::destroy();
     renew();
     EXPECT_EQ(0u, Access::count(*memory));
     EXPECT_EQ("0/0/0/0", totals(*memory));
@@ -154,7 +110,7 @@ TEST_F(HeapAccountingTest, OneObjectForAllThreadsAndAFreshOneAfterDestroy) {
 }
 
 TEST_F(HeapAccountingTest, AllocationIsRecordedAndASecondOneRefusedWithTheOverMessage) {
-    TempFile fd0(true);
+    OutputCapture fd0(0);
     memory->updateManagement(ALLOC, at(0x1234), 100, 7, 41);
     const Memory::DetailHeapInfo& record = Access::slot(*memory);
     EXPECT_TRUE(record.mSerial == 1 && record.mAddress == 0x1234 && record.mUseBytes == 100 &&
@@ -176,7 +132,7 @@ TEST_F(HeapAccountingTest, AllocationIsRecordedAndASecondOneRefusedWithTheOverMe
 }
 
 TEST_F(HeapAccountingTest, ReleaseRemovesTheRecordAndLowersTotalsWhilePeaksStay) {
-    TempFile fd0(true);
+    OutputCapture fd0(0);
     memory->updateManagement(ALLOC, at(0x1234), 100, 5, 1);
     memory->updateManagement(RELEASE, at(0x1234), 0, 0, 2);
     EXPECT_EQ(0u, Access::count(*memory));
@@ -212,7 +168,7 @@ TEST_F(HeapAccountingTest, ReleaseOfAnUnrecordedAddressPrintsTheFramedMessage) {
         if (c.held != 0) {
             memory->updateManagement(ALLOC, at(c.held), 8, 0, 1);
         }
-        TempFile fd0(true);
+        OutputCapture fd0(0);
         memory->updateManagement(RELEASE, at(c.released), 0, 0, 42);
         EXPECT_EQ(c.expected, fd0.text());
         EXPECT_EQ(c.held != 0 ? "8/1/8/1" : "0/0/0/0", totals(*memory));
@@ -238,22 +194,15 @@ TEST_F(HeapAccountingTest, ThreadNameTableKeepsTheFirstValidRegistration) {
     EXPECT_STREQ("", memory->getThreadName(0));
 }
 
+// Descriptor -1 writes nothing; the format is printf's.
 TEST_F(HeapAccountingTest, PrintMessageWritesOnlyTextsShorterThanItsBuffer) {
     const std::string fits(1023, 'a');
-    const struct {
-        bool toFile;  // false: descriptor -1
-        std::string text;
-        std::string expected;
-    } cases[] = {{true, fits, fits}, {true, fits + "b", ""}, {false, "text", ""}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.text.size() << " bytes, to file " << c.toFile);
-        TempFile out;
-        memory->printMessage(1, c.toFile ? out.descriptor() : -1, "%s", c.text.c_str());
-        EXPECT_EQ(c.expected, out.text());
-    }
-    TempFile out;
-    memory->printMessage(1, out.descriptor(), "%s=%d%%\n", "load", 42);
-    EXPECT_EQ("load=42%\n", out.text());
+    OutputCapture fd0(0);
+    memory->printMessage(1, 0, "%s", (fits + "b").c_str());
+    memory->printMessage(1, -1, "%s", "text");
+    memory->printMessage(1, 0, "%s", fits.c_str());
+    memory->printMessage(1, 0, "%s=%d%%\n", "load", 42);
+    EXPECT_EQ(fits + "load=42%\n", fd0.text());
 }
 
 TEST_F(HeapAccountingTest, ReportsAreDisabled) {
@@ -261,18 +210,16 @@ TEST_F(HeapAccountingTest, ReportsAreDisabled) {
     ASSERT_NE(nullptr, mkdtemp(directory));
     const std::string path = std::string(directory) + "/sub/report.txt";
     memory->updateManagement(ALLOC, at(0x1234), 100, 0, 1);
-    TempFile fd0(true);
+    OutputCapture fd0(0);
 
     EXPECT_FALSE(Memory::enabledHeapManagement());
-    EXPECT_TRUE(memory->printUsedHeap(1, path.c_str()));
-    EXPECT_TRUE(memory->printUsedHeapDetail(1, path.c_str()));
-    EXPECT_TRUE(memory->printMarkedHeapDetail(1, path.c_str())) << "even with no mark set";
+    EXPECT_TRUE(memory->printUsedHeap(1, path.c_str()) &&
+                memory->printUsedHeapDetail(1, path.c_str()) &&
+                memory->printMarkedHeapDetail(1, path.c_str()));
     memory->printGlobalMemoryStatus(path.c_str());
     EXPECT_EQ(0, rmdir(directory)) << "nothing was made in it";
-
     Memory::ProcessHeapInfo info = {11, 22, 33, 44};
-    EXPECT_TRUE(memory->getUsedHeapOfProcess(&info));
-    EXPECT_TRUE(info.mUseBytes == 11 && info.mUseCount == 22 && info.mMaxBytes == 33 &&
+    EXPECT_TRUE(memory->getUsedHeapOfProcess(&info) && info.mUseBytes == 11 &&
                 info.mMaxCount == 44);
     EXPECT_EQ(-1, memory->getFileId(path.c_str()));
     EXPECT_STREQ("", memory->getFileName(0));

@@ -16,6 +16,12 @@ namespace {
 using utl::ThreadRawMsg;
 constexpr unsigned int NO_LENGTH = ThreadRawMsg::NO_LENGTH;
 
+// "max size/write position/read position/result"
+std::string stateOf(ThreadRawMsg& raw) {
+    return std::to_string(raw.maxSize()) + "/" + std::to_string(raw.writePosition()) + "/" +
+           std::to_string(raw.readPosition()) + "/" + std::to_string(raw.getResult());
+}
+
 // The bytes of the values one after the other; `ends` gets the offset at which each ends.
 template <class... T>
 std::vector<unsigned char> pack(std::vector<unsigned int>* ends, const T&... values) {
@@ -128,14 +134,13 @@ TEST(MsgTest, FailedAccessSpoilsThePassUntilTheNextBegin) {
         utl::copyMemory(raw.buffer() + 8, "\1\2\3\4", 4);
         EXPECT_FALSE(fail(raw));
         ASSERT_EQ(raw.getResult(), -1);
-        const unsigned int written = raw.writePosition(), read = raw.readPosition();
+        const std::string state = stateOf(raw);
         unsigned char byte = 0;
         EXPECT_FALSE(raw.set(static_cast<unsigned char>(1)));
         EXPECT_FALSE(raw.get(&byte) || raw.get(&b) || raw.get(&i));
         EXPECT_TRUE(raw.setMsgId(98) && raw.getMsgId(&i));
         EXPECT_EQ(i, 98);
-        EXPECT_EQ(raw.writePosition(), written);
-        EXPECT_EQ(raw.readPosition(), read);
+        EXPECT_EQ(stateOf(raw), state);
         ASSERT_TRUE(raw.beginOutput());
         EXPECT_TRUE(raw.get(&i) && raw.getResult() == 0 && i == 7);
     }
@@ -195,40 +200,33 @@ TEST(MsgTest, GetBoolIsTrueForAnyNonZeroByte) {
     ThreadRawMsg raw(8);
     utl::copyMemory(raw.buffer() + 4, "\x02\x00\x01\xFF", 4);
     raw.beginOutput();
-    bool value = false;
-    for (bool expected : {true, false, true, true}) {
-        EXPECT_TRUE(raw.get(&value));
-        EXPECT_EQ(value, expected);
-    }
-    EXPECT_FALSE(raw.get(&value));
+    bool values[5] = {};
+    EXPECT_TRUE(raw.get(&values[0]) && raw.get(&values[1]) && raw.get(&values[2]) &&
+                raw.get(&values[3]));
+    EXPECT_FALSE(raw.get(&values[4]));
+    EXPECT_EQ(std::vector<bool>(values, values + 4), std::vector<bool>({true, false, true, true}));
     EXPECT_EQ(raw.getResult(), -1);
 }
 
-// A copy starts a fresh pass (positions and result 0, so it reads the id first); an assigned
-// message continues where its source stood. Both copy every byte of the buffer.
+// A copy starts a fresh pass (so it reads the id first); an assigned message continues where its
+// source stood. Both copy every byte of the buffer, also those beyond the write position.
 TEST(MsgTest, CopyConstructionRestartsButAssignmentContinues) {
     ThreadRawMsg source(16);
     source.setMsgId(5);
     ASSERT_TRUE(source.beginInput() && source.set(11) && source.set(22));
-    source.buffer()[15] = 0xAB;  // beyond the write position, copied all the same
+    source.buffer()[15] = 0xAB;
     int value = 0;
     ASSERT_TRUE(source.beginOutput() && source.get(&value) && value == 11);
     source.get(static_cast<int*>(nullptr));  // result -1
 
-    ThreadRawMsg copy(source);
-    EXPECT_EQ(copy.maxSize(), 16u);
+    ThreadRawMsg copy(source), assigned(4);
+    assigned = source;
+    EXPECT_EQ(stateOf(copy), "16/0/0/0");
+    EXPECT_EQ(stateOf(assigned), "16/12/8/-1");
     EXPECT_EQ(std::memcmp(copy.buffer(), source.buffer(), 16), 0);
-    EXPECT_TRUE(copy.writePosition() == 0 && copy.readPosition() == 0 && copy.getResult() == 0);
+    EXPECT_EQ(std::memcmp(assigned.buffer(), source.buffer(), 16), 0);
     EXPECT_TRUE(copy.get(&value));
     EXPECT_EQ(value, 5);
-
-    ThreadRawMsg assigned(4);
-    assigned = source;
-    EXPECT_EQ(assigned.maxSize(), 16u);
-    EXPECT_EQ(std::memcmp(assigned.buffer(), source.buffer(), 16), 0);
-    EXPECT_EQ(assigned.writePosition(), 12u);
-    EXPECT_EQ(assigned.readPosition(), 8u);
-    EXPECT_EQ(assigned.getResult(), -1);
 
     ThreadRawMsg& alias = assigned;
     const unsigned char* kept = assigned.buffer();
@@ -286,8 +284,7 @@ TEST(MsgTest, MessageWithoutBufferFailsEveryAccess) {
     }
     ThreadRawMsg raw(~0u);
     ASSERT_EQ(raw.buffer(), nullptr);
-    EXPECT_EQ(raw.maxSize(), 0u);
-    EXPECT_EQ(raw.getResult(), -1);
+    EXPECT_EQ(stateOf(raw), "0/0/0/-1");
     EXPECT_FALSE(raw.beginInput() || raw.beginOutput() || raw.setMsgId(1));
     EXPECT_FALSE(utl::SimpleMsg(1).storeTo(&raw));
     ThreadRawMsg copy(raw), assigned(8);

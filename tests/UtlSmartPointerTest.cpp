@@ -54,7 +54,8 @@ TEST(SmartPointerTest, HoldersShareAndTheLastDeletes) {
     EXPECT_EQ(gDestroyed, 3);
 }
 
-TEST(SmartHandleTest, TheLastHolderClosesTheDescriptorOnce) {
+// -1 is held (with a counter) but never disposed of.
+TEST(SmartHandleTest, TheLastHolderDisposesOfTheHandleOnce) {
     const int fd = open("/dev/null", O_RDONLY);
     utl::SmartHandle<utl::DestructCloseFile> first, second;
     first.set(fd);
@@ -64,9 +65,7 @@ TEST(SmartHandleTest, TheLastHolderClosesTheDescriptorOnce) {
     EXPECT_NE(fcntl(fd, F_GETFD), -1);
     second.set(0);
     EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-}
 
-TEST(SmartHandleTest, MinusOneIsHeldButNeverDisposedOf) {
     gDisposedHandles.clear();
     {
         utl::Counting<int, RecordHandle> handle, copy;

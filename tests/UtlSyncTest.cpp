@@ -50,18 +50,22 @@ void awaitBlocked(const std::atomic<pid_t>& tid) {
 constexpr unsigned int kLongTimeout = 9999;
 
 TEST(EventTest, InitialStateAndModeDecideTheImmediateResults) {
-    utl::Event oneWaySet(1, utl::Event::ONE_WAY);
-    EXPECT_TRUE(oneWaySet.isOn());
+    utl::Event oneWaySet(1, utl::Event::ONE_WAY), oneWay(0, utl::Event::ONE_WAY);
+    EXPECT_TRUE(oneWaySet.isOn() && oneWay.isOff());
     EXPECT_EQ(oneWaySet.waitToOn(500), utl::Event::WAIT_OK);
-    utl::Event oneWay(0, utl::Event::ONE_WAY);
-    EXPECT_TRUE(oneWay.isOff());
     EXPECT_EQ(oneWay.waitToOff(100), utl::Event::WAIT_FAILED);
     oneWay.setOn();
+    EXPECT_FALSE(oneWay.isOff()) << "one-way: isOff() is !isOn()";
     oneWay.setOff();
     EXPECT_EQ(oneWay.waitToOff(100), utl::Event::WAIT_FAILED);
 
     utl::Event twoWay(0, utl::Event::TWO_WAY);
     EXPECT_EQ(twoWay.waitToOff(500), utl::Event::WAIT_OK);
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(twoWay.waitToOn(200), utl::Event::WAIT_TIMEOUT);
+    const auto waited = std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(waited, std::chrono::milliseconds(199));
+    EXPECT_LT(waited, std::chrono::milliseconds(200 + 5000));
     twoWay.setOn();
     EXPECT_TRUE(twoWay.isOn() && !twoWay.isOff());
     EXPECT_EQ(twoWay.waitToOn(500), utl::Event::WAIT_OK);
@@ -69,29 +73,19 @@ TEST(EventTest, InitialStateAndModeDecideTheImmediateResults) {
     EXPECT_EQ(twoWay.waitToOff(500), utl::Event::WAIT_OK);
 }
 
-TEST(EventTest, TimedWaitRunsOutWithoutTheState) {
-    utl::Event event(0, utl::Event::TWO_WAY);
-    const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(event.waitToOn(200), utl::Event::WAIT_TIMEOUT);
-    const auto waited = std::chrono::steady_clock::now() - begin;
-    EXPECT_GE(waited, std::chrono::milliseconds(199));
-    EXPECT_LT(waited, std::chrono::milliseconds(200 + 5000));
-}
-
 // Every waiter is woken, in the second round by the condition renewed after the first.
 TEST(EventTest, SwitchFromAnotherThreadWakesEveryWaiterAgainAndAgain) {
-    struct Case {
+    const struct {
         const char* name;
         int initialState, mode;  // initially off: wait for on; on: wait for off
         unsigned int timeout;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"two-way timed waitToOn", 0, utl::Event::TWO_WAY, kLongTimeout},
         {"two-way timed waitToOff", 1, utl::Event::TWO_WAY, kLongTimeout},
         {"one-way timed waitToOn", 0, utl::Event::ONE_WAY, kLongTimeout},
         {"unlimited waitToOn", 0, utl::Event::ONE_WAY, 0},  // last: may never return
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         utl::Event event(c.initialState, c.mode);
         for (int round = 0; round < 2; ++round) {
             SCOPED_TRACE(std::string(c.name) + " round " + std::to_string(round));

@@ -9,8 +9,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <cwchar>
 #include <memory>
+#include <type_traits>
 #include <vector>
 
 #include "UtlMemory.h"
@@ -19,6 +19,7 @@
 namespace {
 
 using utl::ThreadRawMsg;
+constexpr unsigned int NO_LENGTH = ThreadRawMsg::NO_LENGTH;
 
 void require(bool condition) {
     if (!condition) {
@@ -27,21 +28,11 @@ void require(bool condition) {
 }
 
 // Hands out the input bytes one at a time, then zeros.
-class Input {
-  public:
-    Input(const std::uint8_t* data, std::size_t size) : mData(data), mSize(size) {}
-    unsigned int next() { return mPos < mSize ? mData[mPos++] : 0; }
-    // The next `n` bytes, which must be there.
-    const std::uint8_t* skip(std::size_t n) {
-        mPos += n;
-        return mData + mPos - n;
-    }
-    bool empty() const { return mPos >= mSize; }
+struct Input {
+    unsigned int next() { return pos < size ? data[pos++] : 0; }
 
-  private:
-    const std::uint8_t* mData;
-    std::size_t mSize;
-    std::size_t mPos = 0;
+    const std::uint8_t* data;
+    std::size_t size, pos;
 };
 
 void requireSane(const ThreadRawMsg& raw) {
@@ -49,41 +40,40 @@ void requireSane(const ThreadRawMsg& raw) {
     require(raw.maxSize() >= 4 || raw.buffer() == nullptr);
 }
 
-// What a getter did: success with exactly `width` bytes copied from the old read position, or
-// failure without moving; scalar failures spoil the pass, and a spoiled pass fails everything.
-void requireRead(ThreadRawMsg& raw, bool ok, unsigned int before, int resultBefore, const void* out,
+// What a getter did: success, from a clean pass, with `width` bytes read from the old read
+// position into an output that `matches`, or failure without moving that spoils the pass.
+void requireRead(ThreadRawMsg& raw, bool ok, unsigned int before, int resultBefore, bool matches,
                  unsigned int width) {
     requireSane(raw);
     if (ok) {
-        require(resultBefore == 0 && raw.getResult() == 0);
+        require(resultBefore == 0 && raw.getResult() == 0 && matches);
         require(raw.readPosition() == before + width);
-        require(std::memcmp(out, raw.buffer() + before, width) == 0);
     } else {
         require(raw.readPosition() == before && raw.getResult() == -1);
     }
 }
 
+// A bool is true for any non-zero byte; the other scalars are their bytes.
 template <class T>
-void getScalar(ThreadRawMsg& raw) {
+void getOne(ThreadRawMsg& raw) {
     const unsigned int before = raw.readPosition();
     const int resultBefore = raw.getResult();
     std::unique_ptr<T> value(new T);
     const bool ok = raw.get(value.get());
-    requireRead(raw, ok, before, resultBefore, value.get(), sizeof(T));
+    bool matches = false;
+    if constexpr (std::is_same<T, bool>::value) {
+        matches = ok && *value == (raw.buffer()[before] != 0);
+    } else {
+        matches = ok && std::memcmp(value.get(), raw.buffer() + before, sizeof(T)) == 0;
+    }
+    requireRead(raw, ok, before, resultBefore, matches, sizeof(T));
 }
 
-void getBool(ThreadRawMsg& raw) {
-    const unsigned int before = raw.readPosition();
-    const int resultBefore = raw.getResult();
-    std::unique_ptr<bool> value(new bool);
-    const bool ok = raw.get(value.get());
-    requireSane(raw);
-    if (ok) {
-        require(resultBefore == 0 && raw.readPosition() == before + 1);
-        require(*value == (raw.buffer()[before] != 0));
-    } else {
-        require(raw.readPosition() == before && raw.getResult() == -1);
-    }
+// Reads the `which`th of the types T.
+template <class... T>
+void getScalar(ThreadRawMsg& raw, unsigned int which) {
+    unsigned int i = 0;
+    ((i++ == which ? getOne<T>(raw) : void()), ...);
 }
 
 // The string length at the read position found the slow way, in units of `unit` bytes.
@@ -95,14 +85,15 @@ unsigned int referenceLength(const ThreadRawMsg& raw, unsigned int capacity, uns
             return k + 1;
         }
     }
-    return ThreadRawMsg::NO_LENGTH;
+    return NO_LENGTH;
 }
 
 // A string getter fails without spoiling when the string does not fit; when it succeeds the
 // copy is terminated within the capacity.
 template <class C>
-void getString(ThreadRawMsg& raw, unsigned int capacity) {
+void getString(ThreadRawMsg& raw, Input& in) {
     constexpr unsigned int unit = sizeof(C) == 1 ? 1 : 4;
+    const unsigned int capacity = in.next() % (unit == 1 ? 256 : 72);
     const unsigned int before = raw.readPosition();
     const int resultBefore = raw.getResult();
     const unsigned int length = sizeof(C) == 1 ? raw.checkOutputStrLength(capacity)
@@ -110,46 +101,52 @@ void getString(ThreadRawMsg& raw, unsigned int capacity) {
     require(length == referenceLength(raw, capacity, unit));
     std::unique_ptr<C[]> out(new C[capacity]);
     const bool ok = raw.get(out.get(), capacity);
-    requireSane(raw);
-    if (length == ThreadRawMsg::NO_LENGTH || resultBefore != 0) {
+    if (length == NO_LENGTH || resultBefore != 0) {
+        requireSane(raw);
         require(!ok && raw.readPosition() == before && raw.getResult() == resultBefore);
         return;
     }
     require(ok && length <= capacity && out[length - 1] == 0);
-    for (unsigned int k = 0; k + 1 < length; ++k) {
-        require(out[k] != 0);
-    }
-    requireRead(raw, ok, before, resultBefore, out.get(), length * unit);
+    require(std::find(out.get(), out.get() + length - 1, C(0)) == out.get() + length - 1);
+    requireRead(raw, ok, before, resultBefore,
+                std::memcmp(out.get(), raw.buffer() + before, length * unit) == 0, length * unit);
 }
 
-void getBlock(ThreadRawMsg& raw, unsigned int length) {
+void getBlock(ThreadRawMsg& raw, Input& in) {
+    const unsigned int length = in.next();
     const unsigned int before = raw.readPosition();
     const int resultBefore = raw.getResult();
     std::unique_ptr<unsigned char[]> out(new unsigned char[length]);
     const bool ok = raw.get(out.get(), length);
-    requireRead(raw, ok, before, resultBefore, out.get(), length);
+    requireRead(raw, ok, before, resultBefore,
+                ok && std::memcmp(out.get(), raw.buffer() + before, length) == 0, length);
 }
 
-// A null output fails and spoils the pass without moving.
-void getNull(ThreadRawMsg& raw, unsigned int which) {
+// A null output fails and spoils the pass without moving (a string that does not fit fails first).
+void getNull(ThreadRawMsg& raw, Input& in) {
+    const unsigned int which = in.next();
     const unsigned int before = raw.readPosition();
     const int resultBefore = raw.getResult();
-    const unsigned int length = raw.checkOutputStrLength(16);
-    bool ok = true;
-    switch (which % 3) {
-        case 0:
-            ok = raw.get(static_cast<int*>(nullptr));
-            break;
-        case 1:
-            ok = raw.get(static_cast<unsigned char*>(nullptr), which);
-            break;
-        default:
-            ok = raw.get(static_cast<char*>(nullptr), 16);
-            require(length != ThreadRawMsg::NO_LENGTH || raw.getResult() == resultBefore);
-            break;
-    }
+    const bool fits = raw.checkOutputStrLength(16) != NO_LENGTH;
+    const bool ok = which % 3 == 0   ? raw.get(static_cast<int*>(nullptr))
+                    : which % 3 == 1 ? raw.get(static_cast<unsigned char*>(nullptr), which)
+                                     : raw.get(static_cast<char*>(nullptr), 16);
     require(!ok && raw.readPosition() == before);
-    require(raw.getResult() == -1 || (which % 3 == 2 && length == ThreadRawMsg::NO_LENGTH));
+    require(raw.getResult() == (which % 3 == 2 && !fits ? resultBefore : -1));
+}
+
+using Operation = void (*)(ThreadRawMsg&, Input&);
+
+void begin(ThreadRawMsg& raw, Input&) {
+    require(raw.beginOutput() && raw.readPosition() == 4 && raw.getResult() == 0);
+}
+
+// The id header reads whatever the result; a null output fails without spoiling.
+void getId(ThreadRawMsg& raw, Input&) {
+    int id = 0;
+    const int result = raw.getResult();
+    require(raw.getMsgId(&id) && std::memcmp(&id, raw.buffer(), 4) == 0);
+    require(!raw.getMsgId(nullptr) && raw.getResult() == result);
 }
 
 // A message with strings between scalars; its strings live on the heap in buffers of the input's
@@ -231,12 +228,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size < 4) {
         return 0;
     }
-    Input in(data, size);
-    const unsigned int maxSize = in.next();
-    const unsigned int mode = in.next();
+    Input in = {data, size, 0};
+    const unsigned int maxSize = in.next(), mode = in.next();
     const unsigned int bodyLength = std::min<unsigned int>(in.next(), size - 4);
     const unsigned int fill = in.next();
-    const std::uint8_t* body = in.skip(bodyLength);
+    const std::uint8_t* body = data + 4;
+    in.pos += bodyLength;
 
     ThreadRawMsg raw(maxSize);
     require(raw.maxSize() == (maxSize < 4 ? 4 : maxSize) && raw.getResult() == 0);
@@ -251,73 +248,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         int back = 0;
         require(raw.getMsgId(&back) && back == id);
     } else {
-        utl::copyMemory(raw.buffer(), body,
-                        bodyLength < raw.maxSize() ? bodyLength : raw.maxSize());
+        utl::copyMemory(raw.buffer(), body, std::min(bodyLength, raw.maxSize()));
     }
     requireSane(raw);
 
-    require(raw.beginOutput() && raw.readPosition() == 4 && raw.getResult() == 0);
-    while (!in.empty()) {
-        const unsigned int op = in.next();
-        switch (op % 18) {
-            case 0:
-                require(raw.beginOutput() && raw.readPosition() == 4 && raw.getResult() == 0);
-                break;
-            case 1:
-                getBool(raw);
-                break;
-            case 2:
-                getScalar<unsigned char>(raw);
-                break;
-            case 3:
-                getScalar<unsigned short>(raw);
-                break;
-            case 4:
-                getScalar<unsigned int>(raw);
-                break;
-            case 5:
-                getScalar<unsigned long long>(raw);
-                break;
-            case 6:
-                getScalar<signed char>(raw);
-                break;
-            case 7:
-                getScalar<short>(raw);
-                break;
-            case 8:
-                getScalar<int>(raw);
-                break;
-            case 9:
-                getScalar<long long>(raw);
-                break;
-            case 10:
-                getScalar<float>(raw);
-                break;
-            case 11:
-                getScalar<double>(raw);
-                break;
-            case 12:
-                getScalar<void*>(raw);
-                break;
-            case 13:
-                getString<char>(raw, in.next());
-                break;
-            case 14:
-                getString<wchar_t>(raw, in.next() % 72);
-                break;
-            case 15:
-                getBlock(raw, in.next());
-                break;
-            case 16:
-                getNull(raw, in.next());
-                break;
-            default: {
-                int id = 0;
-                const int result = raw.getResult();
-                require(raw.getMsgId(&id) && std::memcmp(&id, raw.buffer(), 4) == 0);
-                require(!raw.getMsgId(nullptr) && raw.getResult() == result);
-                break;
-            }
+    begin(raw, in);
+    while (in.pos < in.size) {
+        const unsigned int op = in.next() % 18;
+        const Operation operations[] = {begin,   getId,           getBlock,
+                                        getNull, getString<char>, getString<wchar_t>};
+        if (op < 6) {
+            operations[op](raw, in);
+        } else {
+            getScalar<bool, unsigned char, unsigned short, unsigned int, unsigned long long,
+                      signed char, short, int, long long, float, double, void*>(raw, op - 6);
         }
     }
     checkCopies(raw);
