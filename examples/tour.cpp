@@ -75,10 +75,8 @@ class Greeting : public utl::Msg {
     explicit Greeting(const char* text = "") : utl::Msg(ID) {
         utl::copyStrBase(mText, sizeof mText, text, ~0u, 1);
     }
-    bool storeDataTo(utl::MsgDataBroker* broker) const override { return broker->set(mText); }
-    bool restoreDataFrom(utl::MsgDataBroker& broker) override {
-        return broker.get(mText, sizeof mText);
-    }
+    void storeDataTo(utl::MsgDataBroker* broker) const override { broker->set(mText); }
+    void restoreDataFrom(utl::MsgDataBroker& broker) override { broker.get(mText, sizeof mText); }
     char mText[32];
 };
 

@@ -40,8 +40,8 @@ class MsgDataBroker;
 // `MsgDataBroker`. Subclasses add fields and implement `storeDataTo` and `restoreDataFrom`, which
 // must write and read the same types in the same order:
 //
-//   bool storeDataTo(utl::MsgDataBroker* b) const override { return b->set(mLevel); }
-//   bool restoreDataFrom(utl::MsgDataBroker& b) override { return b.get(&mLevel); }
+//   void storeDataTo(utl::MsgDataBroker* b) const override { b->set(mLevel); }
+//   void restoreDataFrom(utl::MsgDataBroker& b) override { b.get(&mLevel); }
 //
 // A message object belongs to one thread at a time; it has no lock. Copyable.
 class Msg {
@@ -52,11 +52,11 @@ class Msg {
     Msg(const Msg&) = default;
     Msg& operator=(const Msg&) = default;
 
-    // Writes the body with the broker's `set` operations. The result is not looked at by
-    // `storeTo`, which judges the broker's result alone.
-    virtual bool storeDataTo(MsgDataBroker* broker) const = 0;
+    // Writes the body with the broker's `set` operations. A failed `set` is remembered by the
+    // broker (its sticky result), which `storeTo` judges at the end.
+    virtual void storeDataTo(MsgDataBroker* broker) const = 0;
     // Reads the body with the broker's `get` operations, in the order `storeDataTo` wrote it.
-    virtual bool restoreDataFrom(MsgDataBroker& broker) = 0;
+    virtual void restoreDataFrom(MsgDataBroker& broker) = 0;
 
     // Serialises the message: the id (`setMsgId`, before `beginInput`, because the id is the
     // fixed header and `beginInput` only resets the body), then the body. True when the broker's
@@ -78,8 +78,8 @@ class SimpleMsg : public Msg {
   public:
     explicit SimpleMsg(int id) : Msg(id) {}
 
-    bool storeDataTo(MsgDataBroker* broker) const override;
-    bool restoreDataFrom(MsgDataBroker& broker) override;
+    void storeDataTo(MsgDataBroker* broker) const override;
+    void restoreDataFrom(MsgDataBroker& broker) override;
 };
 
 // The message a thread receives when one of its timers fires. Its body is the timer id, written
@@ -91,8 +91,8 @@ class TimerMsg : public Msg {
 
     TimerMsg() : Msg(ID), mTimerId(-1) {}
 
-    bool storeDataTo(MsgDataBroker* broker) const override;
-    bool restoreDataFrom(MsgDataBroker& broker) override;
+    void storeDataTo(MsgDataBroker* broker) const override;
+    void restoreDataFrom(MsgDataBroker& broker) override;
 
     int getTimerId() const { return mTimerId; }
     void setTimerId(int timerId) { mTimerId = timerId; }

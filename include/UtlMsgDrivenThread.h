@@ -74,7 +74,7 @@ struct TimerInfo {
 // queued and blocks likewise; `hasMsg`/`peekMsg`/`eraseMsg` search the queue in the loop thread
 // and block for the answer. The loop thread itself may post to itself and search its own queue
 // directly, but cannot send synchronously to itself. Every operation may be called from any
-// thread; posters from other threads are serialised by the sender lock, synchronous and
+// thread; posters from other threads are serialised by the token lock, synchronous and
 // interrupt senders and searchers by one lock of their kind each.
 //
 //   state            | start(l, ...)    | post/send/search/timers | stop(mode, t)
@@ -259,6 +259,11 @@ class MsgDrivenThread : public Thread {
     bool storeForSend(const Msg& msg, int* msgId, detail::DeferredLog& log);
     bool pushDataSlot(int msgId, detail::DeferredLog& log);
     bool postLocked(int msgId, int param, detail::DeferredLog& log);
+    // The two halves of postLocked: the entry (under the queue lock) and its token (under the
+    // token lock alone); and taking the last entry back when it is {msgId, param}.
+    bool queueEntry(int msgId, int param, detail::DeferredLog& log);
+    bool writeToken(int msgId, int param, detail::DeferredLog& log);
+    bool takeBackLastEntry(int msgId, int param);
     bool sendAndWait(const Msg& msg, ReceiveKind kind);
     bool requestSearch(MsgJudgementInterface* judgement, ThreadRawMsg* out, bool erase);
 
@@ -331,8 +336,18 @@ class MsgDrivenThread : public Thread {
     std::atomic<int> mLoopState;
     bool mClosed;   // Guarded by mQueueLock: the loop has ended and released its waiters.
     bool mWatched;  // Loop thread only: registered with the watchdog at the last read.
+    // Loop thread only: the tokens of the last read; mTokenNext is the next to handle.
+    static constexpr unsigned int TOKEN_BATCH = 64;
+    int32_t mTokens[2 * TOKEN_BATCH];
+    uint32_t mTokenNext;
+    uint32_t mTokenEnd;
+    // Interrupt, erase and find requests under way: while 0, the loop skips their events.
+    std::atomic<int32_t> mRequestsPending;
     detail::DeferredLog mLoopLog;  // Loop thread only: lines decided under the queue lock.
     SyncObject mSenderLock;
+    // Taken before mQueueLock by everything that queues an entry, and held until its token is
+    // written: posts and sends write their tokens after releasing mQueueLock, in entry order.
+    SyncObject mTokenLock;
     mutable SyncObject mQueueLock;
     SyncObject mSyncLock;
     SyncObject mInterruptLock;

@@ -62,9 +62,36 @@ class RingArray {
         if (n > mCapacity - mCount || (values == nullptr && n > 0)) {
             return false;
         }
-        for (unsigned int i = 0; i < n; ++i) {
-            slot(mCount) = values[i];
-            ++mCount;
+        // In at most two contiguous runs: up to the end of the block, then from its start.
+        const unsigned int tail = n > 0 ? physicalIndex(mCount) : 0;
+        const unsigned int first = n < mCapacity - tail ? n : mCapacity - tail;
+        for (unsigned int i = 0; i < first; ++i) {
+            mBuffer[tail + i] = values[i];
+        }
+        for (unsigned int i = first; i < n; ++i) {
+            mBuffer[i - first] = values[i];
+        }
+        mCount += n;
+        return true;
+    }
+
+    // Removes the first `n` elements, copying them to `out`; false, with nothing changed, when
+    // fewer are there or `out` is null with n > 0.
+    bool popBlock(T* out, unsigned int n) {
+        if (n > mCount || (out == nullptr && n > 0)) {
+            return false;
+        }
+        const unsigned int head = static_cast<unsigned int>(mHead);
+        const unsigned int first = n < mCapacity - head ? n : mCapacity - head;
+        for (unsigned int i = 0; i < first; ++i) {
+            out[i] = mBuffer[head + i];
+        }
+        for (unsigned int i = first; i < n; ++i) {
+            out[i] = mBuffer[i - first];
+        }
+        if (n > 0) {
+            mHead = static_cast<int32_t>(physicalIndex(n == mCapacity ? 0 : n));
+            mCount -= n;
         }
         return true;
     }
@@ -188,6 +215,8 @@ class Queue {
     // All or nothing: false, with nothing written, when the n elements do not all fit or
     // `values` is null with n > 0.
     bool pushBlock(const T* values, unsigned int n) { return mRing.pushBlock(values, n); }
+    // Removes the first n elements into `out`; false, with nothing changed, when fewer are there.
+    bool popBlock(T* out, unsigned int n) { return mRing.popBlock(out, n); }
     // The front element; the queue must not be empty.
     T& peek() { return mRing.peek(); }
     const T& peek() const { return mRing.peek(); }

@@ -135,7 +135,7 @@ class Thread {
     // Whether event `index` is set; for 3 also that the thread no longer runs. False for an
     // index outside 0 to 3.
     bool hasDone(int index) const;
-    bool hasRequestedStop() const { return hasDone(2); }
+    bool hasRequestedStop() const { return mStopRequested.load(std::memory_order_acquire); }
     // Whether the manager still sees the thread running (`ThreadManager::isActive`).
     bool isRunning() const;
     // Stores the result of `execute()` when the thread has finished; false otherwise or for a
@@ -184,6 +184,8 @@ class Thread {
     std::atomic<int32_t> mId;  // Stored by the new thread first, and by start().
     BasicString<char> mName;
     Event mEvents[EVENT_COUNT];
+    // Set by stop() just before event 2: message loops test it for every message.
+    std::atomic<bool> mStopRequested;
     SyncObject mLock;  // Serialises start and stop.
     uint32_t mResult;  // Written by the thread before event 3 is set.
 };

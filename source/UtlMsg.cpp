@@ -43,20 +43,16 @@ bool Msg::restoreFrom(MsgDataBroker& broker) {
     return broker.getResult() == MsgDataBroker::RESULT_OK;
 }
 
-bool SimpleMsg::storeDataTo(MsgDataBroker* /*broker*/) const {
-    return true;
+void SimpleMsg::storeDataTo(MsgDataBroker* /*broker*/) const {}
+
+void SimpleMsg::restoreDataFrom(MsgDataBroker& /*broker*/) {}
+
+void TimerMsg::storeDataTo(MsgDataBroker* broker) const {
+    broker->set(mTimerId);
 }
 
-bool SimpleMsg::restoreDataFrom(MsgDataBroker& /*broker*/) {
-    return true;
-}
-
-bool TimerMsg::storeDataTo(MsgDataBroker* broker) const {
-    return broker->set(mTimerId);
-}
-
-bool TimerMsg::restoreDataFrom(MsgDataBroker& broker) {
-    return broker.get(&mTimerId);
+void TimerMsg::restoreDataFrom(MsgDataBroker& broker) {
+    broker.get(&mTimerId);
 }
 
 ThreadRawMsg::ThreadRawMsg(unsigned int maxSize) {

@@ -269,7 +269,11 @@ MsgDrivenThread::MsgDrivenThread(unsigned int maxMsgSize, unsigned int maxMsgCou
       mReadFd(-1),
       mWriteFd(-1),
       mLoopState(NOT_STARTED),
-      mClosed(false) {
+      mClosed(false),
+      mTokens(),
+      mTokenNext(0),
+      mTokenEnd(0),
+      mRequestsPending(0) {
     int fds[2] = {-1, -1};
     if (pipe2(fds, O_CLOEXEC) != 0) {
         UTL_LOG(LEVEL_ERROR, "MsgDrivenThread(%s) pipe errno:%d", getName(), errno);
@@ -351,8 +355,9 @@ bool MsgDrivenThread::postMsg(const Msg& msg) {
     if (isCallerLoop()) {
         return sendMsgAsync(msg);
     }
-    SyncGuard guard(mSenderLock);
-    // Checked again: a stop may have been requested while this thread waited for the lock.
+    // Checked again under the token lock, which the stop message needs too: a post either comes
+    // before the stop message or sees the stop.
+    SyncGuard tokenGuard(mTokenLock);
     return acceptsRequests() && sendMsgAsync(msg);
 }
 
@@ -360,18 +365,33 @@ bool MsgDrivenThread::postMsg(int msgId) {
     return postMsg(SimpleMsg(msgId));
 }
 
+// The token is written after the queue lock is released, so that the loop it wakes finds the
+// lock free; the token lock keeps the tokens in the order of their entries meanwhile.
 bool MsgDrivenThread::sendMsgAsync(const Msg& msg) {
     detail::DeferredLog log;
-    SyncGuard guard(mQueueLock);
+    SyncGuard tokenGuard(mTokenLock);
     int msgId = MSG_ID_NONE;
-    if (!storeForSend(msg, &msgId, log) || !pushDataSlot(msgId, log)) {
-        return false;
+    {
+        SyncGuard guard(mQueueLock);
+        if (!storeForSend(msg, &msgId, log) || !pushDataSlot(msgId, log)) {
+            return false;
+        }
+        if (!queueEntry(msgId, -1, log)) {
+            mDataQueue.removeLast(mSendBuffer.maxSize());
+            return false;
+        }
     }
-    if (!postLocked(msgId, -1, log)) {
-        mDataQueue.removeLast(mSendBuffer.maxSize());
-        return false;
+    if (writeToken(msgId, -1, log)) {
+        return true;
     }
-    return true;
+    // Nothing was queued after this entry (the token lock is held). If it is gone, the loop has
+    // taken the message on an earlier token carrying the same id, and it is delivered.
+    SyncGuard guard(mQueueLock);
+    if (!takeBackLastEntry(msgId, -1)) {
+        return true;
+    }
+    mDataQueue.removeLast(mSendBuffer.maxSize());
+    return false;
 }
 
 bool MsgDrivenThread::sendMsgSync(const Msg& msg) {
@@ -390,46 +410,79 @@ bool MsgDrivenThread::sendMsgInterrupt(int msgId) {
     return sendMsgInterrupt(SimpleMsg(msgId));
 }
 
-// Synchronous and interrupt sends: the body is queued, the kind's event turned on and the token
-// written in one hold of the queue lock, so the loop never sees the event without its entry.
+// Synchronous and interrupt sends: the body is queued, the kind's event turned on and the entry
+// queued in one hold of the queue lock, so the loop never sees the event without its entry. The
+// token follows once the queue lock is free, as in sendMsgAsync.
 bool MsgDrivenThread::sendAndWait(const Msg& msg, ReceiveKind kind) {
     if (!acceptsRequests() || isCallerLoop()) {
         return false;
     }
     const bool sync = kind == RECEIVE_SYNC;
+    const int tokenId = sync ? MSG_ID_SYNC : MSG_ID_WAKE_UP;
     SyncGuard kindGuard(sync ? mSyncLock : mInterruptLock);
     Event& done = sync ? mSyncEvent : mInterruptEvent;
     bool& result = sync ? mSyncResult : mInterruptResult;
     result = false;
     {
         detail::DeferredLog log;
-        SyncGuard guard(mQueueLock);
-        int msgId = MSG_ID_NONE;
-        if (!storeForSend(msg, &msgId, log)) {
-            return false;
-        }
-        if (sync) {
-            if (!pushDataSlot(msgId, log)) {
+        SyncGuard tokenGuard(mTokenLock);
+        {
+            SyncGuard guard(mQueueLock);
+            int msgId = MSG_ID_NONE;
+            if (!storeForSend(msg, &msgId, log)) {
                 return false;
             }
-        } else {
-            mInterruptQueue.reset();
-            if (!mInterruptQueue.pushBlock(mSendBuffer.buffer(), mSendBuffer.maxSize())) {
-                return false;
-            }
-        }
-        done.setOn();
-        if (!postLocked(sync ? MSG_ID_SYNC : MSG_ID_WAKE_UP, -1, log)) {
-            done.setOff();
             if (sync) {
-                mDataQueue.removeLast(mSendBuffer.maxSize());
+                if (!pushDataSlot(msgId, log)) {
+                    return false;
+                }
             } else {
                 mInterruptQueue.reset();
+                if (!mInterruptQueue.pushBlock(mSendBuffer.buffer(), mSendBuffer.maxSize())) {
+                    return false;
+                }
             }
-            return false;
+            if (!sync) {
+                mRequestsPending.fetch_add(1, std::memory_order_relaxed);
+            }
+            done.setOn();
+            if (!queueEntry(tokenId, -1, log)) {
+                done.setOff();
+                if (!sync) {
+                    mRequestsPending.fetch_sub(1, std::memory_order_relaxed);
+                }
+                if (sync) {
+                    mDataQueue.removeLast(mSendBuffer.maxSize());
+                } else {
+                    mInterruptQueue.reset();
+                }
+                return false;
+            }
+        }
+        if (!writeToken(tokenId, -1, log)) {
+            // Taken back unless the loop has already taken the message (the synchronous entry,
+            // the only one of its kind, is gone; the interrupt queue is emptied), in which case
+            // the send completes normally.
+            SyncGuard guard(mQueueLock);
+            if (sync ? takeBackLastEntry(MSG_ID_SYNC, -1) : !mInterruptQueue.isEmpty()) {
+                if (sync) {
+                    mDataQueue.removeLast(mSendBuffer.maxSize());
+                } else {
+                    mInterruptQueue.reset();
+                    eraseMsgFromCtlQueue(MSG_ID_WAKE_UP);
+                }
+                done.setOff();
+                if (!sync) {
+                    mRequestsPending.fetch_sub(1, std::memory_order_relaxed);
+                }
+                return false;
+            }
         }
     }
     awaitOff(done);
+    if (!sync) {
+        mRequestsPending.fetch_sub(1, std::memory_order_relaxed);
+    }
     return result;
 }
 
@@ -462,6 +515,7 @@ bool MsgDrivenThread::pushDataSlot(int msgId, detail::DeferredLog& log) {
 
 bool MsgDrivenThread::postThreadCtlMsg(int msgId, int param) {
     detail::DeferredLog log;
+    SyncGuard tokenGuard(mTokenLock);
     SyncGuard guard(mQueueLock);
     return postLocked(msgId, param, log);
 }
@@ -470,6 +524,17 @@ bool MsgDrivenThread::postThreadCtlMsg(int msgId, int param) {
 // A token that cannot be written takes its entry back with it: an entry without a token would
 // sit at the front of the queue until some later token happened to carry its id.
 bool MsgDrivenThread::postLocked(int msgId, int param, detail::DeferredLog& log) {
+    if (!queueEntry(msgId, param, log)) {
+        return false;
+    }
+    if (!writeToken(msgId, param, log)) {
+        mCtlQueue.removeLast(1);
+        return false;
+    }
+    return true;
+}
+
+bool MsgDrivenThread::queueEntry(int msgId, int param, detail::DeferredLog& log) {
     if (mClosed) {
         return false;
     }
@@ -480,17 +545,27 @@ bool MsgDrivenThread::postLocked(int msgId, int param, detail::DeferredLog& log)
                 static_cast<unsigned int>(msgId));
         return false;
     }
-    mCtlQueue.push(ThreadCtlMsg(msgId, param));
+    return mCtlQueue.push(ThreadCtlMsg(msgId, param));
+}
+
+bool MsgDrivenThread::writeToken(int msgId, int param, detail::DeferredLog& log) {
     const int32_t token[2] = {msgId, param};
     const ssize_t written = write(mWriteFd, token, sizeof token);
     if (written != static_cast<ssize_t>(sizeof token)) {
         log.add(detail::LEVEL_ERROR,
                 "MsgDrivenThread(%s)::postThreadCtlMsg() Error. write Ret:%u errno:%d", getName(),
                 static_cast<unsigned int>(written), errno);
-        mCtlQueue.removeLast(1);
         return false;
     }
     return true;
+}
+
+bool MsgDrivenThread::takeBackLastEntry(int msgId, int param) {
+    if (mCtlQueue.isEmpty()) {
+        return false;
+    }
+    const ThreadCtlMsg& last = mCtlQueue.at(mCtlQueue.getCount() - 1);
+    return last.mMsgId == msgId && last.mParam == param && mCtlQueue.removeLast(1);
 }
 
 // ---- Searching and erasing
@@ -549,6 +624,7 @@ bool MsgDrivenThread::requestSearch(MsgJudgementInterface* judgement, ThreadRawM
     bool& result = erase ? mEraseResult : mFindResult;
     {
         detail::DeferredLog log;
+        SyncGuard tokenGuard(mTokenLock);
         SyncGuard guard(mQueueLock);
         if (erase) {
             mEraseJudgement = judgement;
@@ -557,16 +633,19 @@ bool MsgDrivenThread::requestSearch(MsgJudgementInterface* judgement, ThreadRawM
             mPeekOutput = out;
         }
         result = erase;
+        mRequestsPending.fetch_add(1, std::memory_order_relaxed);
         done.setOn();
         if (!postLocked(MSG_ID_WAKE_UP, -1, log)) {
             mEraseJudgement = nullptr;
             mFindJudgement = nullptr;
             mPeekOutput = nullptr;
             done.setOff();
+            mRequestsPending.fetch_sub(1, std::memory_order_relaxed);
             return false;
         }
     }
     awaitOff(done);
+    mRequestsPending.fetch_sub(1, std::memory_order_relaxed);
     SyncGuard guard(mQueueLock);
     mEraseJudgement = nullptr;
     mFindJudgement = nullptr;
@@ -646,6 +725,9 @@ bool MsgDrivenThread::executeEraseMsg(MsgJudgementInterface* judgement) {
         int endedTimer = kNoTimer;
         EraseWalk walk = ERASE_DONE;
         {
+            // The token lock too: a sender between queuing its entry and writing its token may
+            // take the entry back, and must find it where it left it.
+            SyncGuard tokenGuard(mTokenLock);
             SyncGuard guard(mQueueLock);
             walk = eraseWalk(judgement, &endedTimer);
         }
@@ -813,28 +895,37 @@ void MsgDrivenThread::keepAliveInLoop(unsigned int line, unsigned int sub) {
 
 // A thread idle in its read is taken out of watching meanwhile, so that it is never taken for
 // hung. Registration is looked at again after the read: a thread registered while it waited
-// starts being watched from its first message on.
+// starts being watched from its first message on. One read takes every token the pipe holds, up
+// to the buffer: each write is one whole 8-byte token (below PIPE_BUF, so never split), hence the
+// pipe always holds whole tokens and a read returns whole tokens. They are handled one by one in
+// the order read.
 bool MsgDrivenThread::readToken(ThreadCtlMsg* token) {
+    if (mTokenNext < mTokenEnd) {
+        *token = ThreadCtlMsg(mTokens[2 * mTokenNext], mTokens[2 * mTokenNext + 1]);
+        ++mTokenNext;
+        return true;
+    }
     ThreadManager* manager = ThreadManager::get();
     for (;;) {
-        int32_t bytes[2] = {MSG_ID_NONE, -1};
         mWatched = manager->isRegisteredWatchdog(getId());
         keepAliveInLoop(__LINE__, 1);
         if (mWatched) {
             manager->stopWatchdog(getId());
         }
-        const ssize_t got = read(mReadFd, bytes, sizeof bytes);
+        const ssize_t got = read(mReadFd, mTokens, sizeof mTokens);
         const int readErrno = errno;
         mWatched = manager->isRegisteredWatchdog(getId());
         if (mWatched) {
             manager->startWatchdog(getId());
         }
         keepAliveInLoop(__LINE__, 2);
-        if (got == static_cast<ssize_t>(sizeof bytes)) {
-            *token = ThreadCtlMsg(bytes[0], bytes[1]);
+        if (got > 0 && got % static_cast<ssize_t>(2 * sizeof(int32_t)) == 0) {
+            mTokenEnd = static_cast<uint32_t>(got / static_cast<ssize_t>(2 * sizeof(int32_t)));
+            mTokenNext = 1;
+            *token = ThreadCtlMsg(mTokens[0], mTokens[1]);
             return true;
         }
-        if (readErrno != EINTR) {
+        if (got >= 0 || readErrno != EINTR) {
             UTL_LOG(LEVEL_ERROR,
                     "MsgDrivenThread(%s) Error. read Ret:%u errno:%d !!Break msg loop!!", getName(),
                     static_cast<unsigned int>(got), readErrno);
@@ -871,6 +962,11 @@ bool MsgDrivenThread::peekFront(ThreadCtlMsg* front) {
 bool MsgDrivenThread::selectFront(const ThreadCtlMsg& token, ThreadCtlMsg* front) {
     if (!peekFront(front)) {
         return false;
+    }
+    // The count is raised under the queue lock before a request's event is turned on, and
+    // peekFront has taken that lock: a request whose event is on is never missed here.
+    if (mRequestsPending.load(std::memory_order_relaxed) == 0) {
+        return front->mMsgId != MSG_ID_WAKE_UP && token.mMsgId == front->mMsgId;
     }
     if (mInterruptEvent.isOn()) {
         handleInterrupt();
@@ -986,10 +1082,7 @@ int MsgDrivenThread::executeReceiveMsg(ReceiveKind kind, int msgId) {
 }
 
 void MsgDrivenThread::popSlot(Queue<unsigned char>& queue, unsigned int length) {
-    unsigned char* buffer = mReceiveBuffer.buffer();
-    for (unsigned int i = 0; i < length; ++i) {
-        queue.pop(&buffer[i]);
-    }
+    queue.popBlock(mReceiveBuffer.buffer(), length < queue.getCount() ? length : queue.getCount());
 }
 
 void MsgDrivenThread::deliver() {
@@ -1097,6 +1190,7 @@ bool MsgDrivenThread::startTimer(int timerId, int noWait) {
     CountingPointer<Event> running;
     {
         detail::DeferredLog log;
+        SyncGuard tokenGuard(mTokenLock);
         SyncGuard guard(mQueueLock);
         TimerInfo* info = findTimer(timerId);
         if (info == nullptr) {
@@ -1153,6 +1247,7 @@ bool MsgDrivenThread::killTimer(int timerId, int noWait) {
     CountingPointer<Event> running;
     {
         detail::DeferredLog log;
+        SyncGuard tokenGuard(mTokenLock);
         SyncGuard guard(mQueueLock);
         TimerInfo* info = findTimer(timerId);
         if (info == nullptr || !mStopEntries.insert(timerId, *info)) {
@@ -1273,6 +1368,7 @@ bool MsgDrivenThread::eraseTimerByTimerInfo(TimerInfo* info, int timerId,
 // A signal becomes a queued expiry only while the timer runs and fewer expiries wait than it
 // may keep: one, or two for a run-on timer, so a busy loop is never flooded.
 void MsgDrivenThread::executeTimeoutSignal(int timerId) {
+    SyncGuard tokenGuard(mTokenLock);
     SyncGuard guard(mQueueLock);
     TimerInfo* info = findTimer(timerId);
     if (info == nullptr || info->mPending >= 2 || (info->mPending == 1 && info->mRunOn == 0) ||

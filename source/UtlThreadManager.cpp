@@ -121,6 +121,7 @@ Thread::Thread(const char* name, Command* command)
       mName(name, 0, 1),
       mEvents{Event(0, Event::ONE_WAY), Event(0, Event::ONE_WAY), Event(0, Event::ONE_WAY),
               Event(0, Event::ONE_WAY)},
+      mStopRequested(false),
       mResult(0) {}
 
 Thread::~Thread() {
@@ -177,6 +178,7 @@ int Thread::stop(int waitMode, unsigned int timeout) {
         }
     }
     ThreadManager::get()->unregisterWatchdog(getId());
+    mStopRequested.store(true, std::memory_order_release);
     mEvents[STOP_REQUESTED].setOn();
     requestStop();
     return waitMode == 1 ? waitTo(FINISHED, timeout) : 0;
@@ -201,6 +203,9 @@ int Thread::waitTo(int index, unsigned int timeout) const {
 }
 
 bool Thread::hasDone(int index) const {
+    if (index == STOP_REQUESTED) {
+        return hasRequestedStop();
+    }
     if (index < 0 || index >= EVENT_COUNT || !mEvents[index].isOn()) {
         return false;
     }

@@ -93,8 +93,8 @@ class Gate {
 class ValueMsg : public utl::Msg {
   public:
     explicit ValueMsg(int id, int32_t value = 0) : utl::Msg(id), mValue(value) {}
-    bool storeDataTo(utl::MsgDataBroker* broker) const override { return broker->set(mValue); }
-    bool restoreDataFrom(utl::MsgDataBroker& broker) override { return broker.get(&mValue); }
+    void storeDataTo(utl::MsgDataBroker* broker) const override { broker->set(mValue); }
+    void restoreDataFrom(utl::MsgDataBroker& broker) override { broker.get(&mValue); }
     int32_t mValue;
 };
 

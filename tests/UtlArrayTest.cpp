@@ -52,6 +52,7 @@ TEST(ArrayTest, FixedArrayRefusesWithoutAssigning) {
     EXPECT_EQ(Counted::assignments, 0);
     EXPECT_TRUE(array.removeAt(1));
     EXPECT_EQ(itemsOf(array), (Values{0, 2, 3}));
+    EXPECT_EQ(array.getData()[3].mKey, -1) << "the vacated slot lets go of its element";
     Counted::assignments = 0;
     EXPECT_FALSE(array.insertAt(4, Counted(9))) << "beyond the count";
     EXPECT_EQ(Counted::assignments, 0);

@@ -45,17 +45,15 @@ struct AllTypesMsg : utl::Msg {
             std::strcpy(text, "ab"), std::wcscpy(wide, L"\u00e9z"), block[1] = 0xFF, block[2] = 7;
         }
     }
-    bool storeDataTo(utl::MsgDataBroker* b) const override {
+    void storeDataTo(utl::MsgDataBroker* b) const override {
         b->set(flag), b->set(u8), b->set(u16), b->set(u32), b->set(u64), b->set(s8);
         b->set(s16), b->set(s32), b->set(s64), b->set(f), b->set(d), b->set(ptr);
         b->set(text), b->set(wide), b->set(block, sizeof block);
-        return true;
     }
-    bool restoreDataFrom(utl::MsgDataBroker& b) override {
+    void restoreDataFrom(utl::MsgDataBroker& b) override {
         b.get(&flag), b.get(&u8), b.get(&u16), b.get(&u32), b.get(&u64), b.get(&s8);
         b.get(&s16), b.get(&s32), b.get(&s64), b.get(&f), b.get(&d), b.get(&ptr);
         b.get(text, sizeof text), b.get(wide, 8), b.get(block, sizeof block);
-        return true;
     }
 
     bool flag = false;

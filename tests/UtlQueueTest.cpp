@@ -93,6 +93,12 @@ TEST(QueueTest, MatchesDequeModelThroughManyWrapArounds) {
         } else if (roll == 115) {
             queue.reset();
             model.clear();
+        } else if (roll < 122) {
+            ASSERT_EQ(queue.popBlock(block, n), n <= size);
+            for (unsigned int i = 0; n <= size && i < n; ++i) {
+                ASSERT_EQ(block[i], model[i]);
+            }
+            model.erase(model.begin(), model.begin() + (n <= size ? n : 0));
         } else {
             std::generate(block, block + n, [&next] { return next++; });
             ASSERT_EQ(queue.pushBlock(block, n), n <= capacity - size);

@@ -160,15 +160,14 @@ class FuzzMsg : public utl::Msg {
           mText(new char[textCapacity]),
           mWide(new wchar_t[wideCapacity]) {}
 
-    bool storeDataTo(utl::MsgDataBroker* b) const override {
-        return b->set(mCount) && b->set(mText.get()) && b->set(mFlag) && b->set(mWide.get()) &&
-               b->set(mBlock, sizeof mBlock) && b->set(mValue);
+    void storeDataTo(utl::MsgDataBroker* b) const override {
+        b->set(mCount), b->set(mText.get()), b->set(mFlag), b->set(mWide.get());
+        b->set(mBlock, sizeof mBlock), b->set(mValue);
     }
-    bool restoreDataFrom(utl::MsgDataBroker& b) override {
+    void restoreDataFrom(utl::MsgDataBroker& b) override {
         mComplete = b.get(&mCount) && b.get(mText.get(), mTextCapacity) && b.get(&mFlag) &&
                     b.get(mWide.get(), mWideCapacity) && b.get(mBlock, sizeof mBlock) &&
                     b.get(&mValue);
-        return mComplete;
     }
 
     // Offset of the bool after a complete restore: id, count and the narrow string before it.

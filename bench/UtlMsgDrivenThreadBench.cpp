@@ -1,0 +1,721 @@
+// MsgDrivenThread beside hand-written loops of the same design, so that the price of the
+// library's generality can be read off one run as a ratio.
+//
+// - Synchronous round trip: `sendMsgSync` of a 4-byte body to an idle loop against a loop thread
+//   blocked in read() on a pipe, to which the caller writes an 8-byte token and then waits on a
+//   mutex and condition variable until the loop has handled it. One iteration is one round trip.
+// - Posting throughput: 16-byte bodies posted by one thread and consumed by the loop, against a
+//   pipe token per message plus a mutex-guarded ring of fixed 20-byte slots (id and body), and
+//   against a std::deque under a std::mutex and std::condition_variable (no pipe, so faster by
+//   design). One iteration posts a batch of kBatch messages and waits until all are delivered;
+//   the queues hold a whole batch, so a post is never refused ("refused" counts any that were,
+//   per batch). items/s is messages delivered per second.
+// - Timer lateness: a 10 ms run-on timer of the loop against a bare POSIX timer on the monotonic
+//   clock whose own real-time signal (SIGRTMIN + 3) writes a token into a pipe read by a thread.
+//   Expiry k of 300 is due at arm time + k x 10 ms; its lateness is the monotonic time at which
+//   the listener (or the reader thread) sees it minus that. p50_us and p99_us are the counters to
+//   compare; one iteration takes 3 s.
+//
+// Round trips and posting run in two placements, given as the argument `cpus`: 1 puts the
+// benchmark thread and the loop (or consumer) thread on one CPU, 2 on two different CPUs. Left
+// to the scheduler, the same benchmark flips between the two from run to run, and on a virtual
+// machine a wake-up across CPUs costs ten times one on the same CPU, which would swamp the
+// ratio. Placement 2 is skipped on a single CPU.
+#include "UtlMsgDrivenThread.h"
+
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sched.h>
+#include <signal.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <condition_variable>
+#include <cstdint>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "UtlMsg.h"
+
+namespace {
+
+constexpr int kValueId = 1;
+constexpr int kQuadId = 2;
+constexpr int kPinId = 3;
+
+// ---- Messages and shared helpers
+
+// A message with one 32-bit value: the small body of the round trip.
+class ValueMsg : public utl::Msg {
+  public:
+    explicit ValueMsg(int32_t value) : utl::Msg(kValueId), mValue(value) {}
+    void storeDataTo(utl::MsgDataBroker* broker) const override { broker->set(mValue); }
+    void restoreDataFrom(utl::MsgDataBroker& broker) override { broker.get(&mValue); }
+    int32_t mValue;
+};
+
+// A message with a 16-byte body: four 32-bit values.
+class QuadMsg : public utl::Msg {
+  public:
+    QuadMsg() : utl::Msg(kQuadId), mValues{} {}
+    explicit QuadMsg(int32_t first) : utl::Msg(kQuadId), mValues{first, 1, 2, 3} {}
+    void storeDataTo(utl::MsgDataBroker* broker) const override {
+        for (int32_t value : mValues) {
+            broker->set(value);
+        }
+    }
+    void restoreDataFrom(utl::MsgDataBroker& broker) override {
+        for (int32_t& value : mValues) {
+            broker.get(&value);
+        }
+    }
+    int32_t mValues[4];
+};
+
+constexpr unsigned int kQuadBody = 16;
+constexpr unsigned int kQuadSlot = 4 + kQuadBody;
+
+int64_t monotonicNsec() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+
+// A pipe whose ends are closed with the object.
+class Pipe {
+  public:
+    Pipe() {
+        if (pipe2(mFds, O_CLOEXEC) != 0) {
+            mFds[0] = mFds[1] = -1;
+        }
+    }
+    ~Pipe() {
+        closeWriteEnd();
+        if (mFds[0] >= 0) {
+            close(mFds[0]);
+        }
+    }
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+
+    bool isOpen() const { return mFds[0] >= 0; }
+    int readEnd() const { return mFds[0]; }
+    int writeEnd() const { return mFds[1]; }
+    // The reader's next read() then returns 0.
+    void closeWriteEnd() {
+        if (mFds[1] >= 0) {
+            close(mFds[1]);
+            mFds[1] = -1;
+        }
+    }
+
+  private:
+    int mFds[2];
+};
+
+// Reads one 8-byte token; false at the end of the pipe or on an error other than EINTR.
+bool readToken(int fd, int32_t token[2]) {
+    for (;;) {
+        const ssize_t got = read(fd, token, 2 * sizeof(int32_t));
+        if (got == static_cast<ssize_t>(2 * sizeof(int32_t))) {
+            return true;
+        }
+        if (got >= 0 || errno != EINTR) {
+            return false;
+        }
+    }
+}
+
+bool writeToken(int fd, int32_t id, int32_t param) {
+    const int32_t token[2] = {id, param};
+    return write(fd, token, sizeof token) == static_cast<ssize_t>(sizeof token);
+}
+
+// ---- CPU placement
+
+// The first two CPUs the process may run on; the second is -1 on a single CPU.
+struct CpuPair {
+    int mFirst = -1;
+    int mSecond = -1;
+};
+
+CpuPair allowedCpus() {
+    CpuPair pair;
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (sched_getaffinity(0, sizeof set, &set) != 0) {
+        return pair;
+    }
+    for (int cpu = 0; cpu < CPU_SETSIZE && pair.mSecond < 0; ++cpu) {
+        if (CPU_ISSET(cpu, &set)) {
+            (pair.mFirst < 0 ? pair.mFirst : pair.mSecond) = cpu;
+        }
+    }
+    return pair;
+}
+
+// Binds the calling thread to `cpu`.
+bool pinCallerTo(int cpu) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(cpu, &set);
+    return pthread_setaffinity_np(pthread_self(), sizeof set, &set) == 0;
+}
+
+// Binds the benchmark thread to the first allowed CPU and gives the CPU for the other thread;
+// the benchmark thread gets its former CPUs back at the end.
+class Placement {
+  public:
+    explicit Placement(benchmark::State& state) : mValid(false), mOtherCpu(-1) {
+        CPU_ZERO(&mSaved);
+        const CpuPair cpus = allowedCpus();
+        const bool apart = state.range(0) == 2;
+        if (cpus.mFirst < 0 || (apart && cpus.mSecond < 0)) {
+            state.SkipWithError("not enough CPUs for this placement");
+            return;
+        }
+        if (pthread_getaffinity_np(pthread_self(), sizeof mSaved, &mSaved) != 0 ||
+            !pinCallerTo(cpus.mFirst)) {
+            state.SkipWithError("cannot bind the benchmark thread");
+            return;
+        }
+        mOtherCpu = apart ? cpus.mSecond : cpus.mFirst;
+        mValid = true;
+    }
+    ~Placement() {
+        if (mValid) {
+            pthread_setaffinity_np(pthread_self(), sizeof mSaved, &mSaved);
+        }
+    }
+    Placement(const Placement&) = delete;
+    Placement& operator=(const Placement&) = delete;
+
+    bool isValid() const { return mValid; }
+    // Where the loop or consumer thread goes.
+    int otherCpu() const { return mOtherCpu; }
+
+  private:
+    bool mValid;
+    int mOtherCpu;
+    cpu_set_t mSaved;
+};
+
+// Asks a loop to bind its own thread to `cpu` (see PinningListener).
+class PinMsg : public utl::Msg {
+  public:
+    explicit PinMsg(int32_t cpu) : utl::Msg(kPinId), mCpu(cpu) {}
+    void storeDataTo(utl::MsgDataBroker* broker) const override { broker->set(mCpu); }
+    void restoreDataFrom(utl::MsgDataBroker& broker) override { broker.get(&mCpu); }
+    int32_t mCpu;
+};
+
+// A listener that binds the loop thread when it receives a PinMsg and hands every other message
+// to `handle`.
+class PinningListener : public utl::ThreadMsgListener {
+  public:
+    void receiveMsg(int, utl::ThreadRawMsg& raw) override {
+        int msgId = 0;
+        PinMsg pin(-1);
+        if (raw.getMsgId(&msgId) && msgId == kPinId) {
+            mPinned = pin.restoreFrom(raw) && pinCallerTo(pin.mCpu);
+            return;
+        }
+        handle(raw);
+    }
+    virtual void handle(utl::ThreadRawMsg& raw) = 0;
+    bool mPinned = false;  // Written by the loop before its synchronous sender returns.
+};
+
+// Starts `thread` with `listener` and binds its loop to the placement's other CPU.
+bool startPlaced(utl::MsgDrivenThread& thread, PinningListener& listener,
+                 const Placement& placement, benchmark::State& state) {
+    if (!placement.isValid()) {
+        return false;
+    }
+    if (thread.start(&listener, 0, 0, nullptr, 1, 0) != 0) {
+        state.SkipWithError("the loop did not start");
+        return false;
+    }
+    if (!thread.sendMsgSync(PinMsg(placement.otherCpu())) || !listener.mPinned) {
+        state.SkipWithError("cannot bind the loop thread");
+        return false;
+    }
+    return true;
+}
+
+// Counts deliveries; the producer waits until a target count has been reached.
+class DeliveryCount {
+  public:
+    // Called by the consumer for each message.
+    void delivered() {
+        const uint64_t now = mCount.fetch_add(1, std::memory_order_acq_rel) + 1;
+        if (now == mTarget.load(std::memory_order_acquire)) {
+            std::lock_guard<std::mutex> guard(mMutex);
+            mCondition.notify_one();
+        }
+    }
+    // Sets the count that `awaitTarget` waits for; before the messages are sent.
+    void setTarget(uint64_t target) { mTarget.store(target, std::memory_order_release); }
+    void awaitTarget() {
+        std::unique_lock<std::mutex> lock(mMutex);
+        mCondition.wait(lock, [this] {
+            return mCount.load(std::memory_order_acquire) >=
+                   mTarget.load(std::memory_order_acquire);
+        });
+    }
+    uint64_t count() const { return mCount.load(std::memory_order_acquire); }
+
+  private:
+    std::atomic<uint64_t> mCount{0};
+    std::atomic<uint64_t> mTarget{0};
+    std::mutex mMutex;
+    std::condition_variable mCondition;
+};
+
+// ---- Synchronous round trip
+
+class SinkListener : public PinningListener {
+  public:
+    void handle(utl::ThreadRawMsg& raw) override {
+        ValueMsg msg(0);
+        if (msg.restoreFrom(raw)) {
+            mSum += msg.mValue;
+        }
+    }
+    int64_t mSum = 0;  // Loop thread only.
+};
+
+void BM_MsgDrivenThreadSendSync(benchmark::State& state) {
+    Placement placement(state);
+    SinkListener listener;
+    utl::MsgDrivenThread thread(16, 16, "benchSync", 0);
+    if (!startPlaced(thread, listener, placement, state)) {
+        return;
+    }
+    int32_t i = 0;
+    for (auto _ : state) {
+        if (!thread.sendMsgSync(ValueMsg(++i))) {
+            state.SkipWithError("a synchronous send failed");
+            break;
+        }
+    }
+    thread.stop(1, 0);
+    state.SetItemsProcessed(state.iterations());
+}
+
+// The floor: the token carries the message; the loop handles it and answers under a mutex.
+void BM_PipeLoopSendSync(benchmark::State& state) {
+    Placement placement(state);
+    Pipe pipe;
+    if (!placement.isValid()) {
+        return;
+    }
+    if (!pipe.isOpen()) {
+        state.SkipWithError("no pipe");
+        return;
+    }
+    std::mutex mutex;
+    std::condition_variable condition;
+    bool handled = false;
+    int64_t sum = 0;
+    std::thread loop([&] {
+        pinCallerTo(placement.otherCpu());
+        int32_t token[2];
+        while (readToken(pipe.readEnd(), token)) {
+            sum += token[1];
+            {
+                std::lock_guard<std::mutex> guard(mutex);
+                handled = true;
+            }
+            condition.notify_one();
+        }
+    });
+    int32_t i = 0;
+    for (auto _ : state) {
+        if (!writeToken(pipe.writeEnd(), kValueId, ++i)) {
+            state.SkipWithError("write failed");
+            break;
+        }
+        std::unique_lock<std::mutex> lock(mutex);
+        condition.wait(lock, [&] { return handled; });
+        handled = false;
+    }
+    pipe.closeWriteEnd();
+    loop.join();
+    benchmark::DoNotOptimize(sum);
+    state.SetItemsProcessed(state.iterations());
+}
+
+// ---- Posting throughput
+
+constexpr unsigned int kBatch = 1024;
+
+class QuadListener : public PinningListener {
+  public:
+    void handle(utl::ThreadRawMsg& raw) override {
+        QuadMsg msg;
+        if (msg.restoreFrom(raw)) {
+            mSum += msg.mValues[0] + msg.mValues[3];
+        }
+        mCount.delivered();
+    }
+    int64_t mSum = 0;  // Loop thread only.
+    DeliveryCount mCount;
+};
+
+void reportPosting(benchmark::State& state, uint64_t delivered, uint64_t refused) {
+    state.SetItemsProcessed(static_cast<int64_t>(delivered));
+    state.counters["refused"] =
+        benchmark::Counter(static_cast<double>(refused), benchmark::Counter::kAvgIterations);
+}
+
+void BM_MsgDrivenThreadPost(benchmark::State& state) {
+    Placement placement(state);
+    QuadListener listener;
+    utl::MsgDrivenThread thread(kQuadBody, kBatch, "benchPost", 0);
+    if (!startPlaced(thread, listener, placement, state)) {
+        return;
+    }
+    uint64_t refused = 0;
+    uint64_t target = 0;
+    int32_t value = 0;
+    for (auto _ : state) {
+        target += kBatch;
+        listener.mCount.setTarget(target);
+        for (unsigned int n = 0; n < kBatch;) {
+            if (thread.postMsg(QuadMsg(++value))) {
+                ++n;
+            } else {
+                ++refused;
+                std::this_thread::yield();
+            }
+        }
+        listener.mCount.awaitTarget();
+    }
+    const uint64_t delivered = listener.mCount.count();
+    thread.stop(1, 0);
+    reportPosting(state, delivered, refused);
+}
+
+// The floor: a mutex-guarded ring of bytes in fixed slots, and a pipe token per message.
+class SlotRing {
+  public:
+    explicit SlotRing(unsigned int slots) : mBytes(slots * kQuadSlot) {}
+
+    bool push(const unsigned char* slot) {
+        std::lock_guard<std::mutex> guard(mMutex);
+        if (mCount == mBytes.size()) {
+            return false;
+        }
+        std::memcpy(&mBytes[(mHead + mCount) % mBytes.size()], slot, kQuadSlot);
+        mCount += kQuadSlot;
+        return true;
+    }
+    bool pop(unsigned char* slot) {
+        std::lock_guard<std::mutex> guard(mMutex);
+        if (mCount == 0) {
+            return false;
+        }
+        std::memcpy(slot, &mBytes[mHead], kQuadSlot);
+        mHead = (mHead + kQuadSlot) % mBytes.size();
+        mCount -= kQuadSlot;
+        return true;
+    }
+
+  private:
+    std::mutex mMutex;
+    std::vector<unsigned char> mBytes;  // Guarded by mMutex; slots never wrap.
+    size_t mHead = 0;                   // Guarded by mMutex.
+    size_t mCount = 0;                  // Guarded by mMutex.
+};
+
+void BM_PipeRingPost(benchmark::State& state) {
+    Placement placement(state);
+    Pipe pipe;
+    if (!placement.isValid()) {
+        return;
+    }
+    if (!pipe.isOpen()) {
+        state.SkipWithError("no pipe");
+        return;
+    }
+    SlotRing ring(kBatch);
+    DeliveryCount count;
+    int64_t sum = 0;
+    std::thread consumer([&] {
+        pinCallerTo(placement.otherCpu());
+        int32_t token[2];
+        while (readToken(pipe.readEnd(), token)) {
+            unsigned char slot[kQuadSlot];
+            if (!ring.pop(slot)) {
+                continue;
+            }
+            int32_t fields[5];
+            std::memcpy(fields, slot, sizeof fields);
+            if (fields[0] == kQuadId) {
+                sum += fields[1] + fields[4];
+            }
+            count.delivered();
+        }
+    });
+    uint64_t refused = 0;
+    uint64_t target = 0;
+    int32_t value = 0;
+    for (auto _ : state) {
+        target += kBatch;
+        count.setTarget(target);
+        for (unsigned int n = 0; n < kBatch;) {
+            const int32_t fields[5] = {kQuadId, ++value, 1, 2, 3};
+            unsigned char slot[kQuadSlot];
+            std::memcpy(slot, fields, sizeof slot);
+            if (ring.push(slot)) {
+                writeToken(pipe.writeEnd(), kQuadId, -1);
+                ++n;
+            } else {
+                ++refused;
+                std::this_thread::yield();
+            }
+        }
+        count.awaitTarget();
+    }
+    pipe.closeWriteEnd();
+    consumer.join();
+    benchmark::DoNotOptimize(sum);
+    reportPosting(state, count.count(), refused);
+}
+
+// For the record: no pipe, no fixed slots; the consumer sleeps only when the deque is empty.
+void BM_StdDequePost(benchmark::State& state) {
+    Placement placement(state);
+    if (!placement.isValid()) {
+        return;
+    }
+    struct Quad {
+        int32_t mId;
+        int32_t mValues[4];
+    };
+    std::mutex mutex;
+    std::condition_variable condition;
+    std::deque<Quad> queue;  // Guarded by mutex.
+    bool done = false;       // Guarded by mutex.
+    DeliveryCount count;
+    int64_t sum = 0;
+    std::thread consumer([&] {
+        pinCallerTo(placement.otherCpu());
+        for (;;) {
+            Quad quad;
+            {
+                std::unique_lock<std::mutex> lock(mutex);
+                condition.wait(lock, [&] { return done || !queue.empty(); });
+                if (queue.empty()) {
+                    return;
+                }
+                quad = queue.front();
+                queue.pop_front();
+            }
+            if (quad.mId == kQuadId) {
+                sum += quad.mValues[0] + quad.mValues[3];
+            }
+            count.delivered();
+        }
+    });
+    uint64_t target = 0;
+    int32_t value = 0;
+    for (auto _ : state) {
+        target += kBatch;
+        count.setTarget(target);
+        for (unsigned int n = 0; n < kBatch; ++n) {
+            {
+                std::lock_guard<std::mutex> guard(mutex);
+                queue.push_back(Quad{kQuadId, {++value, 1, 2, 3}});
+            }
+            condition.notify_one();
+        }
+        count.awaitTarget();
+    }
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        done = true;
+    }
+    condition.notify_one();
+    consumer.join();
+    benchmark::DoNotOptimize(sum);
+    reportPosting(state, count.count(), 0);
+}
+
+// ---- Timer lateness
+
+constexpr int kPeriodMsec = 10;
+constexpr int64_t kPeriodNsec = int64_t(kPeriodMsec) * 1000000;
+constexpr unsigned int kExpiries = 300;
+
+// Arrival times of the expiries, written by one thread; the benchmark thread waits for all.
+class Arrivals {
+  public:
+    Arrivals() : mTimes(kExpiries, 0) {}
+    void arrived() {
+        const unsigned int n = mCount.load(std::memory_order_relaxed);
+        if (n >= kExpiries) {
+            return;
+        }
+        mTimes[n] = monotonicNsec();
+        if (n + 1 == kExpiries) {
+            std::lock_guard<std::mutex> guard(mMutex);
+            mCount.store(n + 1, std::memory_order_release);
+            mCondition.notify_one();
+        } else {
+            mCount.store(n + 1, std::memory_order_release);
+        }
+    }
+    // False when the expiries did not all arrive within twice their due time.
+    bool awaitAll() {
+        std::unique_lock<std::mutex> lock(mMutex);
+        return mCondition.wait_for(lock, std::chrono::milliseconds(2 * kPeriodMsec * kExpiries),
+                                   [this] { return mCount.load() == kExpiries; });
+    }
+    // Sets p50_us and p99_us of the lateness against `armNsec`.
+    void report(benchmark::State& state, int64_t armNsec) const {
+        std::vector<double> lateness;
+        for (unsigned int k = 0; k < kExpiries; ++k) {
+            const int64_t due = armNsec + int64_t(k + 1) * kPeriodNsec;
+            lateness.push_back(static_cast<double>(mTimes[k] - due) / 1000.0);
+        }
+        std::sort(lateness.begin(), lateness.end());
+        // Nearest rank: the smallest value with at least p percent of the samples at or below.
+        const auto rank = [&](unsigned int percent) {
+            return lateness[(percent * kExpiries + 99) / 100 - 1];
+        };
+        state.counters["p50_us"] = rank(50);
+        state.counters["p99_us"] = rank(99);
+        state.counters["max_us"] = lateness.back();
+    }
+
+  private:
+    std::vector<int64_t> mTimes;
+    std::atomic<unsigned int> mCount{0};
+    std::mutex mMutex;
+    std::condition_variable mCondition;
+};
+
+class TimerListener : public utl::ThreadMsgListener {
+  public:
+    void receiveMsg(int, utl::ThreadRawMsg& raw) override {
+        int msgId = 0;
+        if (raw.getMsgId(&msgId) && msgId == utl::TimerMsg::ID) {
+            mArrivals.arrived();
+        }
+    }
+    Arrivals mArrivals;
+};
+
+// The arm time is taken before setTimer: what the caller sees includes the start hand-off to
+// the loop, which arms the timer (arm_us is that call's length).
+void BM_MsgDrivenThreadTimerLateness(benchmark::State& state) {
+    for (auto _ : state) {
+        TimerListener listener;
+        utl::MsgDrivenThread thread(16, 16, "benchTimer", 1);
+        if (thread.start(&listener, 0, 0, nullptr, 1, 0) != 0) {
+            state.SkipWithError("the loop did not start");
+            break;
+        }
+        const int64_t arm = monotonicNsec();
+        const int timerId = thread.setTimer(kPeriodMsec, 0, 0, 1);
+        const int64_t armed = monotonicNsec();
+        if (timerId < 0) {
+            state.SkipWithError("setTimer failed");
+            break;
+        }
+        const bool complete = listener.mArrivals.awaitAll();
+        thread.killTimer(timerId);
+        thread.stop(1, 0);
+        if (!complete) {
+            state.SkipWithError("expiries missing");
+            break;
+        }
+        listener.mArrivals.report(state, arm);
+        state.counters["arm_us"] = static_cast<double>(armed - arm) / 1000.0;
+    }
+}
+
+// The floor's signal carries the pipe's write end; the handler saves and restores errno.
+void writeExpiryToken(int, siginfo_t* info, void*) {
+    const int savedErrno = errno;
+    const int fd = info->si_value.sival_int;
+    const int32_t token[2] = {1, 0};
+    if (write(fd, token, sizeof token) < 0) {
+        // Nothing to do in a handler: the missing expiry shows as a missing arrival.
+    }
+    errno = savedErrno;
+}
+
+void BM_PosixTimerLateness(benchmark::State& state) {
+    const int signal = SIGRTMIN + 3;
+    struct sigaction action = {};
+    action.sa_sigaction = writeExpiryToken;
+    action.sa_flags = SA_SIGINFO | SA_RESTART;
+    sigemptyset(&action.sa_mask);
+    struct sigaction previous = {};
+    if (sigaction(signal, &action, &previous) != 0) {
+        state.SkipWithError("sigaction failed");
+        return;
+    }
+    for (auto _ : state) {
+        Pipe pipe;
+        if (!pipe.isOpen()) {
+            state.SkipWithError("no pipe");
+            break;
+        }
+        fcntl(pipe.writeEnd(), F_SETFL, fcntl(pipe.writeEnd(), F_GETFL) | O_NONBLOCK);
+        Arrivals arrivals;
+        std::thread reader([&] {
+            int32_t token[2];
+            while (readToken(pipe.readEnd(), token)) {
+                arrivals.arrived();
+            }
+        });
+        sigevent event = {};
+        event.sigev_notify = SIGEV_SIGNAL;
+        event.sigev_signo = signal;
+        event.sigev_value.sival_int = pipe.writeEnd();
+        timer_t timer = {};
+        bool complete = false;
+        int64_t arm = 0;
+        if (timer_create(CLOCK_MONOTONIC, &event, &timer) == 0) {
+            const timespec period = {0, kPeriodNsec};
+            const itimerspec spec = {period, period};
+            arm = monotonicNsec();
+            if (timer_settime(timer, 0, &spec, nullptr) == 0) {
+                complete = arrivals.awaitAll();
+            }
+            timer_delete(timer);
+        }
+        pipe.closeWriteEnd();
+        reader.join();
+        if (!complete) {
+            state.SkipWithError("the timer failed or expiries are missing");
+            break;
+        }
+        arrivals.report(state, arm);
+    }
+    sigaction(signal, &previous, nullptr);
+}
+
+}  // namespace
+
+BENCHMARK(BM_MsgDrivenThreadSendSync)->ArgName("cpus")->Arg(1)->Arg(2)->UseRealTime();
+BENCHMARK(BM_PipeLoopSendSync)->ArgName("cpus")->Arg(1)->Arg(2)->UseRealTime();
+BENCHMARK(BM_MsgDrivenThreadPost)->ArgName("cpus")->Arg(1)->Arg(2)->UseRealTime();
+BENCHMARK(BM_PipeRingPost)->ArgName("cpus")->Arg(1)->Arg(2)->UseRealTime();
+BENCHMARK(BM_StdDequePost)->ArgName("cpus")->Arg(1)->Arg(2)->UseRealTime();
+BENCHMARK(BM_MsgDrivenThreadTimerLateness)
+    ->Iterations(1)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PosixTimerLateness)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
