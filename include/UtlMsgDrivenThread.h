@@ -266,6 +266,8 @@ class MsgDrivenThread : public Thread {
     bool takeBackLastEntry(int msgId, int param);
     bool sendAndWait(const Msg& msg, ReceiveKind kind);
     bool requestSearch(MsgJudgementInterface* judgement, ThreadRawMsg* out, bool erase);
+    // Stores the judgement (and output) of a search or erase request for the loop.
+    void handOver(bool erase, MsgJudgementInterface* judgement, ThreadRawMsg* out);
 
     // The loop (loop thread only).
     bool readToken(ThreadCtlMsg* token);

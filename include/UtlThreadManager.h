@@ -216,7 +216,8 @@ class ThreadManager {
         void operator()(unsigned long* handle) const;
     };
 
-    // One registered thread. Copies share the handle and the end-of-thread event.
+    // One registered thread. Copies share the handle, the name and the thread's state, so a
+    // copy taken under the registry lock can be waited on or marked ended after its release.
     class ThreadEntry {
       public:
         ThreadEntry();
@@ -229,22 +230,34 @@ class ThreadManager {
         void toStop();
         // Waits up to `timeout` ms (0: no limit) for the end: 0, -2 timed out, -1 failed.
         int waitToStop(unsigned int timeout) const;
-        bool isActive() const { return mActive; }
+        bool isActive() const;
         // Whether the thread can still be acted on: it runs and has a handle.
         bool isControllable() const;
         // Lets go of the handle; the last holder detaches the thread.
         void detach() { mHandle.release(); }
+        // A copy that shares the state but not the handle, so that letting it go never detaches.
+        ThreadEntry withoutHandle() const {
+            ThreadEntry copy(*this);
+            copy.mHandle.release();
+            return copy;
+        }
 
         const char* getName() const;
         const ThreadPriority& getPriority() const { return mPriority; }
         void setPriority(const ThreadPriority& priority) { mPriority = priority; }
 
       private:
+        struct Shared {
+            Shared(const char* name)
+                : mStopped(0, Event::ONE_WAY), mActive(true), mName(name, 0, 1) {}
+            Event mStopped;  // Set once the thread's function has returned.
+            std::atomic<bool> mActive;
+            BasicString<char> mName;
+        };
+
         CountingPointer<unsigned long, DetachThread> mHandle;
-        SmartPointer<Event> mStopped;  // Set once the thread's function has returned.
-        SmartPointer<BasicString<char>> mName;
+        SmartPointer<Shared> mShared;
         ThreadPriority mPriority;
-        bool mActive;
     };
 
     // Prefer `get()`: a manager made directly has its own registry and watchdog, holding at

@@ -622,35 +622,37 @@ bool MsgDrivenThread::requestSearch(MsgJudgementInterface* judgement, ThreadRawM
     SyncGuard kindGuard(erase ? mEraseLock : mFindLock);
     Event& done = erase ? mEraseEvent : mFindEvent;
     bool& result = erase ? mEraseResult : mFindResult;
+    bool posted = false;
     {
         detail::DeferredLog log;
         SyncGuard tokenGuard(mTokenLock);
         SyncGuard guard(mQueueLock);
-        if (erase) {
-            mEraseJudgement = judgement;
-        } else {
-            mFindJudgement = judgement;
-            mPeekOutput = out;
-        }
+        handOver(erase, judgement, out);
         result = erase;
         mRequestsPending.fetch_add(1, std::memory_order_relaxed);
         done.setOn();
-        if (!postLocked(MSG_ID_WAKE_UP, -1, log)) {
-            mEraseJudgement = nullptr;
-            mFindJudgement = nullptr;
-            mPeekOutput = nullptr;
+        posted = postLocked(MSG_ID_WAKE_UP, -1, log);
+        if (!posted) {
             done.setOff();
-            mRequestsPending.fetch_sub(1, std::memory_order_relaxed);
-            return false;
         }
     }
-    awaitOff(done);
+    if (posted) {
+        awaitOff(done);
+    }
     mRequestsPending.fetch_sub(1, std::memory_order_relaxed);
     SyncGuard guard(mQueueLock);
-    mEraseJudgement = nullptr;
-    mFindJudgement = nullptr;
-    mPeekOutput = nullptr;
-    return result;
+    // Only this request's own pointers: a request of the other kind may still be under way.
+    handOver(erase, nullptr, nullptr);
+    return posted && result;
+}
+
+void MsgDrivenThread::handOver(bool erase, MsgJudgementInterface* judgement, ThreadRawMsg* out) {
+    if (erase) {
+        mEraseJudgement = judgement;
+    } else {
+        mFindJudgement = judgement;
+        mPeekOutput = out;
+    }
 }
 
 // Copies the slot at byte `offset` of the data queue (or what is left of it) into the work

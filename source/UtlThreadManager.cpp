@@ -279,40 +279,42 @@ void ThreadManager::DetachThread::operator()(unsigned long* handle) const {
     delete handle;
 }
 
-ThreadManager::ThreadEntry::ThreadEntry() : mActive(false) {}
+ThreadManager::ThreadEntry::ThreadEntry() = default;
 
 ThreadManager::ThreadEntry::ThreadEntry(unsigned long handle, const char* name,
                                         const ThreadPriority& priority)
     : mHandle(new (std::nothrow) unsigned long(handle)),
-      mStopped(new (std::nothrow) Event(0, Event::ONE_WAY)),
-      mName(new (std::nothrow) BasicString<char>(name, 0, 1)),
-      mPriority(priority),
-      mActive(!mHandle.isNull() && !mStopped.isNull() && !mName.isNull()) {}
+      mShared(new (std::nothrow) Shared(name)),
+      mPriority(priority) {}
 
 void ThreadManager::ThreadEntry::toStop() {
-    mActive = false;
-    if (!mStopped.isNull()) {
-        mStopped->setOn();
+    if (!mShared.isNull()) {
+        mShared->mActive.store(false);
+        mShared->mStopped.setOn();
     }
 }
 
 int ThreadManager::ThreadEntry::waitToStop(unsigned int timeout) const {
-    if (mStopped.isNull()) {
+    if (mShared.isNull()) {
         return Event::WAIT_FAILED;
     }
     if (timeout == 0) {
-        awaitOn(*mStopped);
+        awaitOn(mShared->mStopped);
         return Event::WAIT_OK;
     }
-    return mStopped->waitToOn(timeout);
+    return mShared->mStopped.waitToOn(timeout);
+}
+
+bool ThreadManager::ThreadEntry::isActive() const {
+    return !mShared.isNull() && !mHandle.isNull() && mShared->mActive.load();
 }
 
 bool ThreadManager::ThreadEntry::isControllable() const {
-    return mActive && !mHandle.isNull() && *mHandle != 0;
+    return isActive() && *mHandle != 0;
 }
 
 const char* ThreadManager::ThreadEntry::getName() const {
-    return mName.isNull() ? "" : mName->c_str();
+    return mShared.isNull() ? "" : mShared->mName.c_str();
 }
 
 // ---- ThreadManager
@@ -487,11 +489,18 @@ void* ThreadManager::startThread(void* argument) {
     return nullptr;
 }
 
+// The entry is marked ended through a copy, after the lock is released: a waiter woken by it may
+// destroy the manager at once, and this thread must not touch the manager after that. The copy
+// does not hold the handle, so that its end never detaches the thread from here.
 void ThreadManager::markStopped(int id) {
-    SyncGuard guard(mLock);
-    if (Map<int, ThreadEntry>::Entry* found = mRegistry.find(id)) {
-        found->mValue.toStop();
+    ThreadEntry ended;
+    {
+        SyncGuard guard(mLock);
+        if (const Map<int, ThreadEntry>::Entry* found = mRegistry.find(id)) {
+            ended = found->mValue.withoutHandle();
+        }
     }
+    ended.toStop();
 }
 
 bool ThreadManager::setPriority(int id, const ThreadPriority& priority) {
@@ -542,7 +551,7 @@ int ThreadManager::waitToStop(int id, unsigned int timeout) const {
         if (found == nullptr) {
             return -1;
         }
-        entry = found->mValue;
+        entry = found->mValue.withoutHandle();
     }
     return entry.waitToStop(timeout);
 }

@@ -45,16 +45,21 @@ class Sender {
           }) {}
     ~Sender() { join(); }
 
-    // Waits until the thread sleeps in the kernel (blocked in its call) or has finished; false
-    // when neither happens in time.
+    // Waits until the thread has slept in the kernel (blocked in its call) through 20 looks a
+    // millisecond apart, or has finished; false when neither happens in time. The repeated look
+    // passes over short sleeps on the way, such as an allocator's lock under a sanitizer.
     bool awaitBlocked() {
-        return waitUntil([this] {
+        int asleep = 0;
+        return waitUntil([this, &asleep] {
             if (mDone) {
                 return true;
             }
             std::ifstream file("/proc/self/task/" + std::to_string(mTid.load()) + "/stat");
             std::string stat;
-            return mTid != 0 && std::getline(file, stat) && stat.find(") S ") != std::string::npos;
+            const bool sleeping =
+                mTid != 0 && std::getline(file, stat) && stat.find(") S ") != std::string::npos;
+            asleep = sleeping ? asleep + 1 : 0;
+            return asleep >= 20;
         });
     }
     void join() {

@@ -108,7 +108,9 @@ void* operator new[](std::size_t size, std::align_val_t alignment, const std::no
 }
 
 // Every delete frees with free(), matching the news above (a sanitizer would otherwise report
-// a malloc block released by its own operator delete).
+// a malloc block released by its own operator delete). GCC's check that new and delete match
+// cannot see that both are replaced here.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 void operator delete(void* block) noexcept {
     std::free(block);
 }

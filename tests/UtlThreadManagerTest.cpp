@@ -304,6 +304,7 @@ TEST(ThreadManagerTest, DestroyedManagerIsMadeAgainOnDemand) {
                                                ThreadPriority(), 0);
     EXPECT_GT(id, 0);
     EXPECT_EQ(ThreadManager::get()->waitToStop(id, 0), 0);
+    EXPECT_TRUE(ThreadManager::get()->unregister(id));
 }
 
 TEST(ThreadManagerTest, DetachPolicyLeavesAZeroHandleAlone) {
