@@ -2,6 +2,9 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -156,6 +159,27 @@ TEST(MsgDrivenThreadTest, FullDataQueueRefusesWithOneErrorThenDetails) {
     EXPECT_TRUE(after.lines().empty());
 }
 
+std::set<int> openDescriptors() {
+    std::set<int> fds;
+    if (DIR* dir = opendir("/proc/self/fd")) {
+        while (const dirent* entry = readdir(dir)) {
+            fds.insert(std::atoi(entry->d_name));
+        }
+        closedir(dir);
+    }
+    return fds;
+}
+
+// The write end of the pipe that a loop made in its constructor: the new write-only descriptor.
+int newPipeWriteEnd(const std::set<int>& before) {
+    for (int fd : openDescriptors()) {
+        if (before.count(fd) == 0 && (fcntl(fd, F_GETFL) & O_ACCMODE) == O_WRONLY) {
+            return fd;
+        }
+    }
+    return -1;
+}
+
 TEST(MsgDrivenThreadTest, BodyLargerThanTheSlotIsRefused) {
     struct Big : utl::Msg {
         Big() : utl::Msg(7) {}
@@ -175,6 +199,57 @@ TEST(MsgDrivenThreadTest, BodyLargerThanTheSlotIsRefused) {
         "MsgDrivenThread(big) Overflow MsgSize  MaxSize(include MsgId):20 MsgId:0x00000007"));
     EXPECT_TRUE(thread.sendMsgSync(ValueMsg(8, 1)));
     EXPECT_EQ(listener.ids(), std::vector<int>{8});
+}
+
+TEST(MsgDrivenThreadTest, FullControlQueueRefusesTheNextEntry) {
+    HeldLoop loop(16, 4);
+    loop.startHeld();
+    // A stop of an unknown timer is a control entry that the loop drops without a word.
+    for (int i = 0; i < 4 + 256; ++i) {
+        ASSERT_TRUE(loop.thread.postThreadCtlMsg(MsgDrivenThread::MSG_ID_STOP_TIMER, 99)) << i;
+    }
+    LogCapture log;
+    EXPECT_FALSE(loop.thread.postThreadCtlMsg(MsgDrivenThread::MSG_ID_STOP_TIMER, 99));
+    EXPECT_TRUE(log.contains(
+        "MsgDrivenThread(held) Overflow ThreadCtlMsgQueue  MaxCount:260 MsgId:0x80000007"));
+    loop.release();
+    EXPECT_TRUE(waitUntil([&] { return loop.thread.sendMsgSync(1); })) << "the loop drains";
+}
+
+void noOp(int) {}
+
+// A signal without SA_RESTART interrupts the loop's read, which goes on; a pipe that can no longer
+// be read ends the loop with result -1.
+TEST(MsgDrivenThreadTest, InterruptedReadGoesOnAndAFailedReadEndsTheLoop) {
+    struct sigaction action = {};
+    action.sa_handler = noOp;
+    sigaction(SIGUSR2, &action, nullptr);
+    RecordingListener listener;
+    const std::set<int> before = openDescriptors();
+    MsgDrivenThread thread(16, 4, "reads", 0);
+    const int pipe = newPipeWriteEnd(before);
+    ASSERT_GE(pipe, 0);
+    ASSERT_EQ(thread.start(&listener, 0, 0, nullptr, 1, 0), 0);
+    LogCapture log;
+    ASSERT_TRUE(waitUntil([&] {
+        syscall(SYS_tgkill, getpid(), thread.getId(), SIGUSR2);
+        return log.contains(
+            "MsgDrivenThread(reads) Error. read Ret:4294967295 errno:4=EINTR "
+            "Retry read");
+    }));
+    EXPECT_TRUE(thread.sendMsgSync(1));
+
+    // The only write end replaced: the read sees the end of the pipe.
+    const int devNull = open("/dev/null", O_WRONLY);
+    ASSERT_EQ(dup2(devNull, pipe), pipe);
+    close(devNull);
+    ASSERT_EQ(thread.waitTo(3, 0), 0);
+    EXPECT_TRUE(log.contains("MsgDrivenThread(reads) Error. read Ret:0 errno:"));
+    EXPECT_TRUE(log.contains("!!Break msg loop!!"));
+    unsigned int result = 0;
+    EXPECT_TRUE(thread.getResult(&result));
+    EXPECT_EQ(result, ~0u);
+    EXPECT_FALSE(thread.postMsg(2));
 }
 
 TEST(MsgDrivenThreadTest, LoopThreadPostsToItselfButCannotWaitForItself) {
@@ -396,27 +471,6 @@ int queuedExpiries(MsgDrivenThread& thread) {
     MsgDrivenThread::MsgJudgement<CountTimers> judgement{CountTimers{&count}};
     thread.hasMsgInternal(&judgement);
     return count;
-}
-
-std::set<int> openDescriptors() {
-    std::set<int> fds;
-    if (DIR* dir = opendir("/proc/self/fd")) {
-        while (const dirent* entry = readdir(dir)) {
-            fds.insert(std::atoi(entry->d_name));
-        }
-        closedir(dir);
-    }
-    return fds;
-}
-
-// The write end of the pipe that a loop made in its constructor: the new write-only descriptor.
-int newPipeWriteEnd(const std::set<int>& before) {
-    for (int fd : openDescriptors()) {
-        if (before.count(fd) == 0 && (fcntl(fd, F_GETFL) & O_ACCMODE) == O_WRONLY) {
-            return fd;
-        }
-    }
-    return -1;
 }
 
 // The listener sleeps two seconds in the first expiry of a 1 ms run-on timer, with the loop's

@@ -179,23 +179,26 @@ TEST_F(OwnWatchdogTest, DefaultListenerAndPrintShowTheTable) {
     const std::string printed = name.substr(0, 29);
     ASSERT_TRUE(watchdog.entry(self, 40, nullptr, name.c_str()));
     ASSERT_TRUE(watchdog.entry(self + 1000000, 100, nullptr, "never"));
+    const auto row = [](int id, const std::string& name, unsigned int aliveTime,
+                        const char* watching, const char* alive, unsigned int count,
+                        const StatementInfo& last) {
+        char text[256];
+        snprintf(text, sizeof text, "%10d, %-32s, %10u, %-12s, %-12s, %13u, (%s, %s:%u:%u)", id,
+                 name.c_str(), aliveTime, watching, alive, count, last.getFile(),
+                 last.getFunction(), last.getLine(), last.getSub());
+        return std::string(text);
+    };
+    const StatementInfo report("file.cpp", "work", 77, 2);
     LogCapture log;
-    ASSERT_TRUE(watchdog.keepAlive(StatementInfo("file.cpp", "work", 77, 2)));
-    ASSERT_TRUE(waitUntil([&] { return log.contains("ThreadWatchdog Timeout ID:"); }));
-    ASSERT_TRUE(waitUntil([&] { return log.contains("Watchdog info of threads"); }));
+    ASSERT_TRUE(watchdog.keepAlive(report));
+    // The default listener logs the table when the thread times out.
+    EXPECT_TRUE(waitUntil(
+        [&] { return log.contains(row(self, printed, 40, "WATCHING", "TIMEOUT", 1, report)); }));
     watchdog.stop(self);
     watchdog.printWatchdogInfo(3);
-
-    char row[256];
-    snprintf(row, sizeof row, "%10d, %-32s, %10u, %-12s, %-12s, %13u, (%s, %s:%u:%u)", self,
-             printed.c_str(), 40u, "WATCHING", "TIMEOUT", 1u, "file.cpp", "work", 77u, 2u);
-    EXPECT_TRUE(log.contains(row)) << "the default listener's table";
-    snprintf(row, sizeof row, "%10d, %-32s, %10u, %-12s, %-12s, %13u, (%s, %s:%u:%u)", self,
-             printed.c_str(), 40u, "NOT_WATCHING", "TIMEOUT", 1u, "file.cpp", "work", 77u, 2u);
-    EXPECT_TRUE(log.contains(row));
-    snprintf(row, sizeof row, "%10d, %-32s, %10u, %-12s, %-12s, %13u, (%s, %s:%u:%u)",
-             self + 1000000, "never", 100u, "WATCHING", "UNKNOWN", 0u, "", "", 0u, 0u);
-    EXPECT_TRUE(log.contains(row));
+    EXPECT_TRUE(log.contains(row(self, printed, 40, "NOT_WATCHING", "TIMEOUT", 1, report)));
+    EXPECT_TRUE(
+        log.contains(row(self + 1000000, "never", 100, "WATCHING", "UNKNOWN", 0, StatementInfo())));
     EXPECT_TRUE(log.contains("ThreadWatchdog:: Watchdog info of threads in this process."));
     EXPECT_TRUE(log.contains(
         "ID        , Name                            , AliveTime , WatchStatus , AliveStatus , "
