@@ -75,9 +75,15 @@ class DeferredLog {
 
     void add(int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
     // Logs the lines held, in order, and forgets them.
-    void flush();
+    void flush() {
+        if (mCount != 0) {
+            writeLines();
+        }
+    }
 
   private:
+    void writeLines();
+
     char mLines[CAPACITY][LINE_SIZE];
     int mLevels[CAPACITY];
     unsigned int mCount;

@@ -24,6 +24,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <new>
 
 #include "UtlSync.h"
@@ -31,10 +32,19 @@
 namespace utl {
 
 // Copies n bytes from src to dst; the ranges must not overlap. Does nothing if either is null.
-void copyMemory(void* dst, const void* src, unsigned int n);
+// Inline, so that the short copies of message serialisation compile to plain moves.
+inline void copyMemory(void* dst, const void* src, unsigned int n) {
+    if (dst != nullptr && src != nullptr) {
+        std::memcpy(dst, src, n);
+    }
+}
 
 // Copies n bytes from src to dst; the ranges may overlap. Does nothing if either is null.
-void moveMemory(void* dst, const void* src, unsigned int n);
+inline void moveMemory(void* dst, const void* src, unsigned int n) {
+    if (dst != nullptr && src != nullptr) {
+        std::memmove(dst, src, n);
+    }
+}
 
 // Sets n bytes at dst to value. Does nothing if dst is null.
 void fillMemory(void* dst, unsigned int n, unsigned char value);

@@ -256,6 +256,7 @@ class MsgDrivenThread : public Thread {
     bool acceptsRequests() const;
 
     // Sending (any thread).
+    bool sendMsgAsync(const Msg& msg, bool recheck);
     bool storeForSend(const Msg& msg, int* msgId, detail::DeferredLog& log);
     bool pushDataSlot(int msgId, detail::DeferredLog& log);
     bool postLocked(int msgId, int param, detail::DeferredLog& log);

@@ -13,6 +13,7 @@
 #ifndef UTL_QUEUE_H
 #define UTL_QUEUE_H
 
+#include <algorithm>
 #include <cassert>
 #include <cstddef>
 #include <cstdint>
@@ -65,12 +66,8 @@ class RingArray {
         // In at most two contiguous runs: up to the end of the block, then from its start.
         const unsigned int tail = n > 0 ? physicalIndex(mCount) : 0;
         const unsigned int first = n < mCapacity - tail ? n : mCapacity - tail;
-        for (unsigned int i = 0; i < first; ++i) {
-            mBuffer[tail + i] = values[i];
-        }
-        for (unsigned int i = first; i < n; ++i) {
-            mBuffer[i - first] = values[i];
-        }
+        std::copy(values, values + first, mBuffer + tail);
+        std::copy(values + first, values + n, mBuffer);
         mCount += n;
         return true;
     }
@@ -83,12 +80,8 @@ class RingArray {
         }
         const unsigned int head = static_cast<unsigned int>(mHead);
         const unsigned int first = n < mCapacity - head ? n : mCapacity - head;
-        for (unsigned int i = 0; i < first; ++i) {
-            out[i] = mBuffer[head + i];
-        }
-        for (unsigned int i = first; i < n; ++i) {
-            out[i] = mBuffer[i - first];
-        }
+        std::copy(mBuffer + head, mBuffer + head + first, out);
+        std::copy(mBuffer, mBuffer + (n - first), out + first);
         if (n > 0) {
             mHead = static_cast<int32_t>(physicalIndex(n == mCapacity ? 0 : n));
             mCount -= n;

@@ -309,7 +309,7 @@ void DeferredLog::add(int level, const char* format, ...) {
     ++mCount;
 }
 
-void DeferredLog::flush() {
+void DeferredLog::writeLines() {
     for (unsigned int i = 0; i < mCount; ++i) {
         applog(LOG_TYPE_UTL, mLevels[i], "%s", mLines[i]);
     }

@@ -57,18 +57,6 @@ void writeAll(int descriptor, const char* text, std::size_t length) {
 
 namespace utl {
 
-void copyMemory(void* dst, const void* src, unsigned int n) {
-    if (dst != nullptr && src != nullptr) {
-        std::memcpy(dst, src, n);
-    }
-}
-
-void moveMemory(void* dst, const void* src, unsigned int n) {
-    if (dst != nullptr && src != nullptr) {
-        std::memmove(dst, src, n);
-    }
-}
-
 void fillMemory(void* dst, unsigned int n, unsigned char value) {
     if (dst != nullptr) {
         std::memset(dst, value, n);

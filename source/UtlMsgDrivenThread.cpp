@@ -352,13 +352,7 @@ bool MsgDrivenThread::postMsg(const Msg& msg) {
     if (!acceptsRequests()) {
         return false;
     }
-    if (isCallerLoop()) {
-        return sendMsgAsync(msg);
-    }
-    // Checked again under the token lock, which the stop message needs too: a post either comes
-    // before the stop message or sees the stop.
-    SyncGuard tokenGuard(mTokenLock);
-    return acceptsRequests() && sendMsgAsync(msg);
+    return sendMsgAsync(msg, !isCallerLoop());
 }
 
 bool MsgDrivenThread::postMsg(int msgId) {
@@ -368,8 +362,17 @@ bool MsgDrivenThread::postMsg(int msgId) {
 // The token is written after the queue lock is released, so that the loop it wakes finds the
 // lock free; the token lock keeps the tokens in the order of their entries meanwhile.
 bool MsgDrivenThread::sendMsgAsync(const Msg& msg) {
+    return sendMsgAsync(msg, false);
+}
+
+// With `recheck`, a post from another thread looks at the stop again under the token lock, which
+// the stop message needs too: the post either comes before the stop message or sees the stop.
+bool MsgDrivenThread::sendMsgAsync(const Msg& msg, bool recheck) {
     detail::DeferredLog log;
     SyncGuard tokenGuard(mTokenLock);
+    if (recheck && !acceptsRequests()) {
+        return false;
+    }
     int msgId = MSG_ID_NONE;
     {
         SyncGuard guard(mQueueLock);
@@ -488,8 +491,7 @@ bool MsgDrivenThread::sendAndWait(const Msg& msg, ReceiveKind kind) {
 
 bool MsgDrivenThread::storeForSend(const Msg& msg, int* msgId, detail::DeferredLog& log) {
     const bool stored = msg.storeTo(&mSendBuffer);
-    // The id is written first, so it is there even when the body did not fit.
-    mSendBuffer.getMsgId(msgId);
+    *msgId = msg.getMsgId();
     if (!stored) {
         log.add(detail::LEVEL_ERROR,
                 "MsgDrivenThread(%s) Overflow MsgSize  MaxSize(include MsgId):%d MsgId:0x%08x",
