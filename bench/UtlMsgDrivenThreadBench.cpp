@@ -42,6 +42,7 @@
 #include <thread>
 #include <vector>
 
+#include "TestMessages.h"
 #include "UtlMsg.h"
 
 namespace {
@@ -51,33 +52,6 @@ constexpr int kQuadId = 2;
 constexpr int kPinId = 3;
 
 // ---- Messages and shared helpers
-
-// A message with one 32-bit value: the small body of the round trip.
-class ValueMsg : public utl::Msg {
-  public:
-    explicit ValueMsg(int32_t value) : utl::Msg(kValueId), mValue(value) {}
-    void storeDataTo(utl::MsgDataBroker* broker) const override { broker->set(mValue); }
-    void restoreDataFrom(utl::MsgDataBroker& broker) override { broker.get(&mValue); }
-    int32_t mValue;
-};
-
-// A message with a 16-byte body: four 32-bit values.
-class QuadMsg : public utl::Msg {
-  public:
-    QuadMsg() : utl::Msg(kQuadId), mValues{} {}
-    explicit QuadMsg(int32_t first) : utl::Msg(kQuadId), mValues{first, 1, 2, 3} {}
-    void storeDataTo(utl::MsgDataBroker* broker) const override {
-        for (int32_t value : mValues) {
-            broker->set(value);
-        }
-    }
-    void restoreDataFrom(utl::MsgDataBroker& broker) override {
-        for (int32_t& value : mValues) {
-            broker.get(&value);
-        }
-    }
-    int32_t mValues[4];
-};
 
 constexpr unsigned int kQuadBody = 16;
 constexpr unsigned int kQuadSlot = 4 + kQuadBody;
@@ -207,24 +181,15 @@ class Placement {
     cpu_set_t mSaved;
 };
 
-// Asks a loop to bind its own thread to `cpu` (see PinningListener).
-class PinMsg : public utl::Msg {
-  public:
-    explicit PinMsg(int32_t cpu) : utl::Msg(kPinId), mCpu(cpu) {}
-    void storeDataTo(utl::MsgDataBroker* broker) const override { broker->set(mCpu); }
-    void restoreDataFrom(utl::MsgDataBroker& broker) override { broker.get(&mCpu); }
-    int32_t mCpu;
-};
-
-// A listener that binds the loop thread when it receives a PinMsg and hands every other message
-// to `handle`.
+// A listener that binds the loop thread to the CPU a kPinId message carries, and hands every other
+// message to `handle`.
 class PinningListener : public utl::ThreadMsgListener {
   public:
     void receiveMsg(int, utl::ThreadRawMsg& raw) override {
         int msgId = 0;
-        PinMsg pin(-1);
+        ValueMsg pin(kPinId, -1);
         if (raw.getMsgId(&msgId) && msgId == kPinId) {
-            mPinned = pin.restoreFrom(raw) && pinCallerTo(pin.mCpu);
+            mPinned = pin.restoreFrom(raw) && pinCallerTo(pin.mValue);
             return;
         }
         handle(raw);
@@ -243,7 +208,7 @@ bool startPlaced(utl::MsgDrivenThread& thread, PinningListener& listener,
         state.SkipWithError("the loop did not start");
         return false;
     }
-    if (!thread.sendMsgSync(PinMsg(placement.otherCpu())) || !listener.mPinned) {
+    if (!thread.sendMsgSync(ValueMsg(kPinId, placement.otherCpu())) || !listener.mPinned) {
         state.SkipWithError("cannot bind the loop thread");
         return false;
     }
@@ -284,7 +249,7 @@ class DeliveryCount {
 class SinkListener : public PinningListener {
   public:
     void handle(utl::ThreadRawMsg& raw) override {
-        ValueMsg msg(0);
+        ValueMsg msg(kValueId);
         if (msg.restoreFrom(raw)) {
             mSum += msg.mValue;
         }
@@ -301,7 +266,7 @@ void BM_MsgDrivenThreadSendSync(benchmark::State& state) {
     }
     int32_t i = 0;
     for (auto _ : state) {
-        if (!thread.sendMsgSync(ValueMsg(++i))) {
+        if (!thread.sendMsgSync(ValueMsg(kValueId, ++i))) {
             state.SkipWithError("a synchronous send failed");
             break;
         }
@@ -360,7 +325,7 @@ constexpr unsigned int kBatch = 1024;
 class QuadListener : public PinningListener {
   public:
     void handle(utl::ThreadRawMsg& raw) override {
-        QuadMsg msg;
+        QuadMsg msg(kQuadId);
         if (msg.restoreFrom(raw)) {
             mSum += msg.mValues[0] + msg.mValues[3];
         }
@@ -390,7 +355,7 @@ void BM_MsgDrivenThreadPost(benchmark::State& state) {
         target += kBatch;
         listener.mCount.setTarget(target);
         for (unsigned int n = 0; n < kBatch;) {
-            if (thread.postMsg(QuadMsg(++value))) {
+            if (thread.postMsg(QuadMsg(kQuadId, ++value))) {
                 ++n;
             } else {
                 ++refused;

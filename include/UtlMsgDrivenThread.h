@@ -285,6 +285,7 @@ class MsgDrivenThread : public Thread {
     void deliver();
     void closeLoop();
     bool copySlot(unsigned int offset);
+    bool copySlotForErase(unsigned int offset, int ctlId);
     static bool storeTimerMsg(int timerId, ThreadRawMsg* raw);
     EraseWalk eraseWalk(MsgJudgementInterface* judgement, int* endedTimer);
 

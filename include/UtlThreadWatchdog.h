@@ -158,6 +158,10 @@ class ThreadWatchdog : public ThreadMsgListener {
     void receiveMsg(int threadId, ThreadRawMsg& msg) override;
 
   private:
+    // Applies `change` to the entry of `id` under the lock; false before `initialize` or for an
+    // unregistered id.
+    template <class Change>
+    bool changeEntry(int id, Change change);
     void watchThreads();
     // The first watching entry that has expired at `now` and is not in timeout yet; 0 if none.
     int findExpired(uint32_t now) const;

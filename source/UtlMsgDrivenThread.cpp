@@ -770,11 +770,9 @@ MsgDrivenThread::EraseWalk MsgDrivenThread::eraseWalk(MsgJudgementInterface* jud
                 *endedTimer = entry.mParam;
                 return ERASE_TIMER_ENDED;
             }
-        } else if (entry.mMsgId == MSG_ID_SYNC) {
-            if (!copySlot(offset)) {
-                mLoopLog.add(detail::LEVEL_ERROR,
-                             "MsgDrivenThread::executeEraseMsg(): Peek Data Queue fail. Line=%d",
-                             __LINE__);
+        } else if (entry.mMsgId == MSG_ID_SYNC || hasData(entry.mMsgId)) {
+            const bool sync = entry.mMsgId == MSG_ID_SYNC;
+            if (!copySlotForErase(offset, entry.mMsgId)) {
                 return ERASE_FAILED;
             }
             if (!judgement->judge(mWorkBuffer)) {
@@ -783,52 +781,62 @@ MsgDrivenThread::EraseWalk MsgDrivenThread::eraseWalk(MsgJudgementInterface* jud
                 continue;
             }
             if (!earseMsgQueue(i, offset, slot)) {
-                mLoopLog.add(detail::LEVEL_ERROR,
-                             "MsgDrivenThread::executeEraseMsg(): Erase Queue fail. Line=%d",
-                             __LINE__);
+                if (sync) {
+                    mLoopLog.add(detail::LEVEL_ERROR,
+                                 "MsgDrivenThread::executeEraseMsg(): Erase Queue fail. Line=%d",
+                                 __LINE__);
+                } else {
+                    mLoopLog.add(
+                        detail::LEVEL_ERROR,
+                        "MsgDrivenThread::executeEraseMsg(): erase Data Queue fail. Line=%d",
+                        __LINE__);
+                }
                 return ERASE_FAILED;
             }
-            // The synchronous sender is released with its preset result, false.
-            mSyncEvent.setOff();
-        } else if (hasData(entry.mMsgId)) {
-            if (!copySlot(offset)) {
-                mLoopLog.add(detail::LEVEL_ERROR,
-                             "MsgDrivenThread::executeEraseMsg(): Peek Data Queue fail. Line=%d "
-                             "MsgId=%d",
-                             __LINE__, entry.mMsgId);
-                return ERASE_FAILED;
-            }
-            int dataId = MSG_ID_NONE;
-            if (!mWorkBuffer.getMsgId(&dataId)) {
-                mLoopLog.add(detail::LEVEL_ERROR,
-                             "MsgDrivenThread::executeEraseMsg(): Can't get message ID. Line=%d "
-                             "MsgId=%d",
-                             __LINE__, entry.mMsgId);
-                return ERASE_FAILED;
-            }
-            if (dataId != entry.mMsgId) {
-                mLoopLog.add(detail::LEVEL_ERROR,
-                             "MsgDrivenThread::executeEraseMsg(): Data Queue is different from "
-                             "Ctl Queue . Line=%d MsgId(Ctl)=%d MsgId(Data)=%d ",
-                             __LINE__, entry.mMsgId, dataId);
-                return ERASE_FAILED;
-            }
-            if (!judgement->judge(mWorkBuffer)) {
-                ++i;
-                offset += slot;
-                continue;
-            }
-            if (!earseMsgQueue(i, offset, slot)) {
-                mLoopLog.add(detail::LEVEL_ERROR,
-                             "MsgDrivenThread::executeEraseMsg(): erase Data Queue fail. Line=%d",
-                             __LINE__);
-                return ERASE_FAILED;
+            if (sync) {
+                // The synchronous sender is released with its preset result, false.
+                mSyncEvent.setOff();
             }
         } else {
             ++i;
         }
     }
     return ERASE_DONE;
+}
+
+// Copies the slot at `offset` for the erase walk; for a posted message also checks that the slot
+// carries the id of its control entry. False, logged, when either fails.
+bool MsgDrivenThread::copySlotForErase(unsigned int offset, int ctlId) {
+    if (ctlId == MSG_ID_SYNC) {
+        if (!copySlot(offset)) {
+            mLoopLog.add(detail::LEVEL_ERROR,
+                         "MsgDrivenThread::executeEraseMsg(): Peek Data Queue fail. Line=%d",
+                         __LINE__);
+            return false;
+        }
+        return true;
+    }
+    if (!copySlot(offset)) {
+        mLoopLog.add(detail::LEVEL_ERROR,
+                     "MsgDrivenThread::executeEraseMsg(): Peek Data Queue fail. Line=%d MsgId=%d",
+                     __LINE__, ctlId);
+        return false;
+    }
+    int dataId = MSG_ID_NONE;
+    if (!mWorkBuffer.getMsgId(&dataId)) {
+        mLoopLog.add(detail::LEVEL_ERROR,
+                     "MsgDrivenThread::executeEraseMsg(): Can't get message ID. Line=%d MsgId=%d",
+                     __LINE__, ctlId);
+        return false;
+    }
+    if (dataId != ctlId) {
+        mLoopLog.add(detail::LEVEL_ERROR,
+                     "MsgDrivenThread::executeEraseMsg(): Data Queue is different from Ctl Queue "
+                     ". Line=%d MsgId(Ctl)=%d MsgId(Data)=%d ",
+                     __LINE__, ctlId, dataId);
+        return false;
+    }
+    return true;
 }
 
 bool MsgDrivenThread::earseMsgQueue(unsigned int ctlIndex, unsigned int dataOffset,

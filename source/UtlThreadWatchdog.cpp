@@ -144,54 +144,47 @@ bool ThreadWatchdog::isWatching(int id) const {
 }
 
 bool ThreadWatchdog::start(int id) {
-    if (!isInitialized()) {
-        return false;
-    }
     const uint32_t now = TimeCounter::getTickTime();
-    SyncGuard guard(mLock);
-    WatchdogInfoMap::Entry* found = mTable.find(id);
-    if (found == nullptr) {
-        return false;
-    }
-    found->mValue.mStopped = 0;
-    if (found->mValue.mLastAliveTick == WatchdogInfo::TICK_UNSET) {
-        found->mValue.mLastAliveTick = now;
-    }
-    return true;
+    return changeEntry(id, [now](WatchdogInfo& info) {
+        info.mStopped = 0;
+        if (info.mLastAliveTick == WatchdogInfo::TICK_UNSET) {
+            info.mLastAliveTick = now;
+        }
+    });
 }
 
 bool ThreadWatchdog::stop(int id) {
-    if (!isInitialized()) {
-        return false;
-    }
-    SyncGuard guard(mLock);
-    WatchdogInfoMap::Entry* found = mTable.find(id);
-    if (found == nullptr) {
-        return false;
-    }
-    found->mValue.mStopped = 1;
-    found->mValue.mLastAliveTick = WatchdogInfo::TICK_UNSET;
-    return true;
+    return changeEntry(id, [](WatchdogInfo& info) {
+        info.mStopped = 1;
+        info.mLastAliveTick = WatchdogInfo::TICK_UNSET;
+    });
 }
 
 bool ThreadWatchdog::setAliveTime(int id, unsigned int aliveTime) {
-    if (!isInitialized()) {
-        return false;
-    }
-    if (aliveTime == 0) {
+    if (isInitialized() && aliveTime == 0) {
         UTL_LOG(LEVEL_ERROR, "ThreadWatchdog Register AliveTime is 0 ID:%d ", id);
         return false;
     }
     const uint32_t now = TimeCounter::getTickTime();
+    return changeEntry(id, [aliveTime, now](WatchdogInfo& info) {
+        info.mAliveTime = aliveTime;
+        if (info.mStopped == 0) {
+            info.mLastAliveTick = now;
+        }
+    });
+}
+
+template <class Change>
+bool ThreadWatchdog::changeEntry(int id, Change change) {
+    if (!isInitialized()) {
+        return false;
+    }
     SyncGuard guard(mLock);
     WatchdogInfoMap::Entry* found = mTable.find(id);
     if (found == nullptr) {
         return false;
     }
-    found->mValue.mAliveTime = aliveTime;
-    if (found->mValue.mStopped == 0) {
-        found->mValue.mLastAliveTick = now;
-    }
+    change(found->mValue);
     return true;
 }
 

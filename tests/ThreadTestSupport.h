@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "TestMessages.h"
 #include "UtlMsg.h"
 #include "UtlMsgDrivenThread.h"
 #include "UtlThreadManager.h"
@@ -92,15 +93,6 @@ class Gate {
     std::mutex mMutex;
     std::condition_variable mCondition;
     bool mOpen = false;
-};
-
-// A message with one 32-bit value after its id.
-class ValueMsg : public utl::Msg {
-  public:
-    explicit ValueMsg(int id, int32_t value = 0) : utl::Msg(id), mValue(value) {}
-    void storeDataTo(utl::MsgDataBroker* broker) const override { broker->set(mValue); }
-    void restoreDataFrom(utl::MsgDataBroker& broker) override { broker.get(&mValue); }
-    int32_t mValue;
 };
 
 // What a listener received: the id and, for ValueMsg and TimerMsg, the value or timer id.

@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "TestMessages.h"
 #include "UtlMsg.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -177,23 +178,6 @@ constexpr int kAllocateId = 4;
 // Keeps the compiler from eliding an allocation whose block is freed at once.
 void* volatile gSink = nullptr;
 
-// A message with a 16-byte body.
-class QuadMsg : public utl::Msg {
-  public:
-    QuadMsg(int id, int32_t first) : utl::Msg(id), mValues{first, 1, 2, 3} {}
-    void storeDataTo(utl::MsgDataBroker* broker) const override {
-        for (int32_t value : mValues) {
-            broker->set(value);
-        }
-    }
-    void restoreDataFrom(utl::MsgDataBroker& broker) override {
-        for (int32_t& value : mValues) {
-            broker.get(&value);
-        }
-    }
-    int32_t mValues[4];
-};
-
 // Counts what arrives, restoring each message as a receiver would; allocates only when asked to
 // by a kAllocateId message.
 class CountingListener : public utl::ThreadMsgListener {
@@ -215,7 +199,7 @@ class CountingListener : public utl::ThreadMsgListener {
             std::free(gSink);
             return;
         }
-        QuadMsg msg(0, 0);
+        QuadMsg msg(0);
         if (msg.restoreFrom(raw) && msg.mValues[3] == 3) {
             ++mMessages;
         }
