@@ -1,12 +1,12 @@
 // Once a message thread and its timers exist, posting, sending and timer expiries must not touch
 // the heap: the queues, buffers and timer records are all made in advance.
 //
-// This program replaces the global operator new and delete (every form) with versions that
-// count and forward to malloc and free. Outside sanitizer builds it also interposes malloc,
-// calloc and realloc, counting and forwarding to glibc's own allocator, so that allocations
-// made by C code (or by C++ code through malloc) are seen too. Sanitizers bring their own
-// malloc, which must stay in charge there. Counting is switched on only around the message
-// traffic, and covers every thread.
+// This program replaces the global operator new and delete (every form but the over-aligned ones,
+// which the library has no use for) with versions that count and forward to malloc and free.
+// Outside sanitizer builds it also interposes malloc, calloc and realloc, counting and forwarding
+// to glibc's own allocator, so that allocations made by C code (or by C++ code through malloc) are
+// seen too. Sanitizers bring their own malloc, which must stay in charge there. Counting is
+// switched on only around the message traffic, and covers every thread.
 #include "UtlMsgDrivenThread.h"
 
 #include <gtest/gtest.h>
@@ -62,16 +62,6 @@ void* allocate(std::size_t size) {
 #endif
 }
 
-void* allocateAligned(std::size_t size, std::align_val_t alignment) {
-    countAllocation();
-    std::size_t align = static_cast<std::size_t>(alignment);
-    if (align < sizeof(void*)) {
-        align = sizeof(void*);
-    }
-    void* block = nullptr;
-    return posix_memalign(&block, align, size == 0 ? 1 : size) == 0 ? block : nullptr;
-}
-
 void* orThrow(void* block) {
     if (block == nullptr) {
         throw std::bad_alloc();
@@ -95,19 +85,6 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
     return allocate(size);
 }
-void* operator new(std::size_t size, std::align_val_t alignment) {
-    return orThrow(allocateAligned(size, alignment));
-}
-void* operator new[](std::size_t size, std::align_val_t alignment) {
-    return orThrow(allocateAligned(size, alignment));
-}
-void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
-    return allocateAligned(size, alignment);
-}
-void* operator new[](std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
-    return allocateAligned(size, alignment);
-}
-
 // Every delete frees with free(), matching the news above (a sanitizer would otherwise report
 // a malloc block released by its own operator delete). GCC's check that new and delete match
 // cannot see that both are replaced here.
@@ -130,25 +107,6 @@ void operator delete(void* block, const std::nothrow_t&) noexcept {
 void operator delete[](void* block, const std::nothrow_t&) noexcept {
     std::free(block);
 }
-void operator delete(void* block, std::align_val_t) noexcept {
-    std::free(block);
-}
-void operator delete[](void* block, std::align_val_t) noexcept {
-    std::free(block);
-}
-void operator delete(void* block, std::size_t, std::align_val_t) noexcept {
-    std::free(block);
-}
-void operator delete[](void* block, std::size_t, std::align_val_t) noexcept {
-    std::free(block);
-}
-void operator delete(void* block, std::align_val_t, const std::nothrow_t&) noexcept {
-    std::free(block);
-}
-void operator delete[](void* block, std::align_val_t, const std::nothrow_t&) noexcept {
-    std::free(block);
-}
-
 #if !UTL_TEST_SANITIZED
 extern "C" {
 void* malloc(std::size_t size) noexcept {
