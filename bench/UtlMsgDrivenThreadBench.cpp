@@ -664,9 +664,9 @@ void BM_PosixTimerLateness(benchmark::State& state) {
         int64_t arm = 0;
         if (timer_create(CLOCK_MONOTONIC, &event, &timer) == 0) {
             const timespec period = {0, kPeriodNsec};
-            const itimerspec spec = {period, period};
+            const itimerspec timing = {period, period};
             arm = monotonicNsec();
-            if (timer_settime(timer, 0, &spec, nullptr) == 0) {
+            if (timer_settime(timer, 0, &timing, nullptr) == 0) {
                 complete = arrivals.awaitAll();
             }
             timer_delete(timer);

@@ -94,8 +94,8 @@ bool TimerSignal::createTimer(TimerSignalRecord* record, timer_t* timer) const {
 bool TimerSignal::armTimer(timer_t timer, int32_t intervalMsec) {
     const timespec period = {static_cast<time_t>(intervalMsec / 1000),
                              static_cast<long>(intervalMsec % 1000) * 1000000L};
-    const itimerspec spec = {period, period};
-    return timer_settime(timer, 0, &spec, nullptr) == 0;
+    const itimerspec timing = {period, period};
+    return timer_settime(timer, 0, &timing, nullptr) == 0;
 }
 
 // static
