@@ -270,6 +270,7 @@ MsgDrivenThread::MsgDrivenThread(unsigned int maxMsgSize, unsigned int maxMsgCou
       mWriteFd(-1),
       mLoopState(NOT_STARTED),
       mClosed(false),
+      mWatched(false),
       mTokens(),
       mTokenNext(0),
       mTokenEnd(0),
@@ -917,9 +918,10 @@ bool MsgDrivenThread::readToken(ThreadCtlMsg* token) {
         ++mTokenNext;
         return true;
     }
+    // Whether the thread is watched is looked up once per read, after it: the bracket before the
+    // next read uses that answer.
     ThreadManager* manager = ThreadManager::get();
     for (;;) {
-        mWatched = manager->isRegisteredWatchdog(getId());
         keepAliveInLoop(__LINE__, 1);
         if (mWatched) {
             manager->stopWatchdog(getId());

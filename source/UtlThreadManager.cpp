@@ -306,11 +306,11 @@ int ThreadManager::ThreadEntry::waitToStop(unsigned int timeout) const {
 }
 
 bool ThreadManager::ThreadEntry::isActive() const {
-    return !mShared.isNull() && !mHandle.isNull() && mShared->mActive.load();
+    return !mShared.isNull() && mShared->mActive.load();
 }
 
 bool ThreadManager::ThreadEntry::isControllable() const {
-    return isActive() && *mHandle != 0;
+    return isActive() && !mHandle.isNull() && *mHandle != 0;
 }
 
 const char* ThreadManager::ThreadEntry::getName() const {
@@ -457,7 +457,8 @@ int ThreadManager::entry(void (*function)(void*), void* argument, int watchdog,
 // An entry left by an ended thread whose kernel id the new thread now has is replaced: the old
 // thread is gone, and its handle is detached when the old entry goes.
 bool ThreadManager::registerEntry(int id, const ThreadEntry& entry) {
-    if (!entry.isActive()) {
+    // Not controllable: a part of the entry could not be allocated.
+    if (!entry.isControllable()) {
         return false;
     }
     return mRegistry.insert(id, entry);
@@ -608,37 +609,26 @@ void ThreadManager::enableRegistrationLog() {
 }
 
 void ThreadManager::printThreadInfoReg(int level) const {
-    struct Row {
-        int32_t mId;
-        const char* mStatus;
-        ThreadPriority mPriority;
-        BasicString<char> mName;
-    };
-    Array<Row*> rows(0, 1);
+    Map<int, ThreadEntry> rows(0, 1);
     {
         SyncGuard guard(mLock);
         for (unsigned int i = 0; i < mRegistry.getCount(); ++i) {
-            const Map<int, ThreadEntry>::Entry& e = mRegistry.getAt(i);
-            Row* row = new (std::nothrow)
-                Row{e.mKey, e.mValue.isActive() ? "ACTIVE" : "INACTIVE", e.mValue.getPriority(),
-                    BasicString<char>(e.mValue.getName(), 0, 1)};
-            if (row == nullptr || !rows.insertAt(rows.getCount(), row)) {
-                delete row;
-                break;
-            }
+            const Map<int, ThreadEntry>::Entry& entry = mRegistry.getAt(i);
+            rows.insert(entry.mKey, entry.mValue.withoutHandle());
         }
     }
     applog(detail::LOG_TYPE_UTL, level,
            "ID        , Name                            , Status      , Pri.Os    , "
            "Pri.Label       ,");
     for (unsigned int i = 0; i < rows.getCount(); ++i) {
-        const Row* row = rows.getAt(i);
+        const int id = rows.getAt(i).mKey;
+        const ThreadEntry& row = rows.getAt(i).mValue;
         // A thread registered as running that the kernel no longer has left without returning.
-        const bool vanished = row->mStatus[0] == 'A' && !kernelHasThread(row->mId);
-        applog(detail::LOG_TYPE_UTL, level, "%10d, %-32s, %-12s, %10d, %-16s,", row->mId,
-               row->mName.c_str(), vanished ? "UNKNOWN" : row->mStatus, row->mPriority.OsValue(),
-               row->mPriority.label());
-        delete row;
+        const char* status = !row.isActive()       ? "INACTIVE"
+                             : kernelHasThread(id) ? "ACTIVE"
+                                                   : "UNKNOWN";
+        applog(detail::LOG_TYPE_UTL, level, "%10d, %-32s, %-12s, %10d, %-16s,", id, row.getName(),
+               status, row.getPriority().OsValue(), row.getPriority().label());
     }
 }
 
