@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -75,6 +76,9 @@ class Worker : public Thread {
         steps.push_back("execute");
         niceInside = getpriority(PRIO_PROCESS, 0);
         idInside = ThreadManager::getCallerId();
+        if (body) {
+            body(*this);
+        }
         running.open();
         release.wait();
         return 42;
@@ -85,6 +89,7 @@ class Worker : public Thread {
         release.open();
     }
 
+    std::function<void(Worker&)> body;  // Runs inside execute(), in the new thread.
     std::vector<std::string> steps;
     std::atomic<int> niceInside{-100};
     std::atomic<int> idInside{0};
@@ -143,47 +148,30 @@ TEST(ThreadTest, DefaultExecuteRunsTheCommandOrFails) {
 
 TEST(ThreadTest, NewThreadRunsAtItsPriorityAndOnlyItChangesIt) {
     Worker worker;
-    ASSERT_EQ(worker.start(0, 0, nullptr, 0, 0, ThreadPriority(ThreadPriority::LOW)), 0);
-    ASSERT_TRUE(worker.running.wait());
-    EXPECT_EQ(worker.niceInside, 2);
-    ThreadPriority priority;
-    ASSERT_TRUE(worker.getPriority(&priority));
-    EXPECT_EQ(priority.OsValue(), 2);
-    EXPECT_FALSE(worker.setPriority(ThreadPriority(ThreadPriority::IDLE)))
-        << "only the thread itself may change its priority";
-
-    ThreadManager* manager = ThreadManager::get();
-    const int self = ThreadManager::getCallerId();
-    EXPECT_FALSE(manager->setPriority(self, ThreadPriority(ThreadPriority::IDLE)))
-        << "the test's thread is not registered";
     std::atomic<int> changed{-1};
     std::atomic<int> invalid{-1};
     std::atomic<int> niceAfter{-100};
-    struct Changer : Thread {
-        Changer() : Thread("changer", nullptr) {}
-        unsigned int execute() override {
-            *changed = setPriority(ThreadPriority(ThreadPriority::IDLE));
-            *invalid = setPriority(ThreadPriority(8));
-            *niceAfter = getpriority(PRIO_PROCESS, 0);
-            return 0;
-        }
-        std::atomic<int>* changed;
-        std::atomic<int>* invalid;
-        std::atomic<int>* niceAfter;
-    } changer;
-    changer.changed = &changed;
-    changer.invalid = &invalid;
-    changer.niceAfter = &niceAfter;
+    worker.body = [&](Worker& self) {
+        changed = self.setPriority(ThreadPriority(ThreadPriority::IDLE));
+        invalid = self.setPriority(ThreadPriority(8));
+        niceAfter = getpriority(PRIO_PROCESS, 0);
+    };
     LogCapture log;
-    ASSERT_EQ(changer.start(0, 0, nullptr, 0, 0, ThreadPriority(ThreadPriority::LOW)), 0);
-    ASSERT_EQ(changer.waitTo(3, 0), 0);
+    ASSERT_EQ(worker.start(0, 0, nullptr, 0, 0, ThreadPriority(ThreadPriority::LOW)), 0);
+    ASSERT_TRUE(worker.running.wait());
+    EXPECT_EQ(worker.niceInside, 2) << "set by the new thread before its work";
     EXPECT_EQ(changed, 1);
     EXPECT_EQ(invalid, 0);
     EXPECT_EQ(niceAfter, 3);
     EXPECT_TRUE(log.contains("ThreadManager::setPriority() Error ID:" +
-                             std::to_string(changer.getId()) + ", invalidOsValue:100"));
-    ASSERT_TRUE(manager->getPriority(changer.getId(), &priority));
+                             std::to_string(worker.getId()) + ", invalidOsValue:100"));
+    ThreadPriority priority;
+    ASSERT_TRUE(worker.getPriority(&priority));
     EXPECT_EQ(priority.OsValue(), 3);
+    EXPECT_FALSE(worker.setPriority(ThreadPriority(ThreadPriority::LOW)))
+        << "only the thread itself may change its priority";
+    EXPECT_FALSE(ThreadManager::get()->setPriority(ThreadManager::getCallerId(), priority))
+        << "the test's thread is not registered";
 }
 
 void parkUntilOpen(void* gate) {
@@ -263,22 +251,6 @@ TEST(ThreadManagerTest, RegistryPrintListsThreadsInIdOrder) {
     EXPECT_EQ(ids[0] < ids[1], positions[0] < positions[1]) << "rows in id order";
 }
 
-TEST(ThreadManagerTest, FullRegistryRefusesNewThreads) {
-    ThreadManager manager(2);
-    Gate gate;
-    const int a = manager.entry(parkUntilOpen, &gate, 0, 0, nullptr, "a", ThreadPriority(), 0);
-    const int b = manager.entry(parkUntilOpen, &gate, 0, 0, nullptr, "b", ThreadPriority(), 0);
-    EXPECT_TRUE(a > 0 && b > 0);
-    EXPECT_EQ(manager.entry(parkUntilOpen, &gate, 0, 0, nullptr, "c", ThreadPriority(), 0), 0);
-    gate.open();
-    EXPECT_EQ(manager.waitToStop(a, 0), 0);
-    EXPECT_EQ(manager.waitToStop(b, 0), 0);
-    EXPECT_TRUE(manager.unregister(a));
-    const int c = manager.entry(parkUntilOpen, &gate, 0, 0, nullptr, "c", ThreadPriority(), 0);
-    EXPECT_GT(c, 0) << "an unregistered thread frees its place";
-    EXPECT_EQ(manager.waitToStop(c, 0), 0);
-}
-
 TEST(ThreadManagerTest, EntryMaximumCanBeChangedAboveTheRegisteredCount) {
     Gate gate;
     ThreadManager* manager = ThreadManager::get();
@@ -288,10 +260,14 @@ TEST(ThreadManagerTest, EntryMaximumCanBeChangedAboveTheRegisteredCount) {
     EXPECT_FALSE(ThreadManager::initializeEntryMax(0));
     EXPECT_TRUE(ThreadManager::initializeEntryMax(1));
     EXPECT_EQ(manager->entry(parkUntilOpen, &gate, 0, 0, nullptr, "q", ThreadPriority(), 0), 0);
-    EXPECT_TRUE(ThreadManager::initializeEntryMax(ThreadManager::DEFAULT_ENTRY_MAX));
     gate.open();
     EXPECT_EQ(manager->waitToStop(parked, 0), 0);
     EXPECT_TRUE(manager->unregister(parked));
+    const int next = manager->entry(parkUntilOpen, &gate, 0, 0, nullptr, "q", ThreadPriority(), 0);
+    EXPECT_GT(next, 0) << "an unregistered thread frees its place";
+    EXPECT_TRUE(ThreadManager::initializeEntryMax(ThreadManager::DEFAULT_ENTRY_MAX));
+    EXPECT_EQ(manager->waitToStop(next, 0), 0);
+    EXPECT_TRUE(manager->unregister(next));
 }
 
 TEST(ThreadManagerTest, DestroyedManagerIsMadeAgainOnDemand) {
@@ -305,14 +281,6 @@ TEST(ThreadManagerTest, DestroyedManagerIsMadeAgainOnDemand) {
     EXPECT_GT(id, 0);
     EXPECT_EQ(ThreadManager::get()->waitToStop(id, 0), 0);
     EXPECT_TRUE(ThreadManager::get()->unregister(id));
-}
-
-TEST(ThreadManagerTest, DetachPolicyLeavesAZeroHandleAlone) {
-    unsigned long zero = 0;
-    ThreadManager::DetachThread detach;
-    detach(&zero);
-    detach(nullptr);
-    EXPECT_EQ(zero, 0u) << "not freed, not detached";
 }
 
 TEST(ThreadTest, FinishedThreadLeavesTheRegistryWithItsObject) {

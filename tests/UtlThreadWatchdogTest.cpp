@@ -131,15 +131,6 @@ TEST_F(OwnWatchdogTest, RefusesWhatCannotBeWatched) {
     EXPECT_FALSE(idle.entry(3, 100, nullptr, "z"));
 }
 
-TEST_F(OwnWatchdogTest, RegularReportsKeepAThreadAlive) {
-    ASSERT_TRUE(watchdog.entry(self, 1000, &recorder, "steady"));
-    for (int i = 0; i < 40; ++i) {
-        EXPECT_TRUE(watchdog.keepAlive(StatementInfo("test", "loop", 10, 1)));
-        utl::Thread::sleep(25);
-    }
-    EXPECT_TRUE(recorder.ids().empty());
-}
-
 TEST_F(OwnWatchdogTest, SilentThreadTimesOutOnceUntilItReports) {
     ASSERT_TRUE(watchdog.entry(self, 30, &recorder, "silent"));
     EXPECT_TRUE(recorder.ids().empty()) << "a thread that never reported is not judged";
@@ -203,16 +194,6 @@ TEST_F(OwnWatchdogTest, DefaultListenerAndPrintShowTheTable) {
     EXPECT_TRUE(log.contains(
         "ID        , Name                            , AliveTime , WatchStatus , AliveStatus , "
         "TimeoutCount , LastAliveInfo(File, Function:Line:Sub) , "));
-}
-
-TEST(StatementInfoTest, EqualWhenAllFourPartsAre) {
-    const char file[] = "a.cpp";
-    const std::string copy = file;
-    EXPECT_EQ(StatementInfo(file, "f", 1, 1), StatementInfo(copy.c_str(), "f", 1, 1));
-    EXPECT_NE(StatementInfo(file, "f", 1, 1), StatementInfo(file, "f", 1, 2));
-    EXPECT_NE(StatementInfo(file, "f", 1, 1), StatementInfo(file, "g", 1, 1));
-    EXPECT_NE(StatementInfo(file, "f", 1, 1), StatementInfo("b.cpp", "f", 1, 1));
-    EXPECT_NE(StatementInfo(file, "f", 1, 1), StatementInfo(file, "f", 2, 1));
 }
 
 }  // namespace
