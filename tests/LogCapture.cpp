@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <mutex>
 
 namespace {
@@ -18,14 +19,6 @@ Received& received() {
     return instance;
 }
 
-void setCapturing(bool on) {
-    Received& r = received();
-    std::lock_guard<std::mutex> guard(r.lock);
-    r.capturing = on;
-    r.lines.clear();
-    r.channels.clear();
-}
-
 }  // namespace
 
 void BinaryLogWrite(int channel, const char* data, unsigned int length) {
@@ -39,12 +32,13 @@ void BinaryLogWrite(int channel, const char* data, unsigned int length) {
     }
 }
 
-LogCapture::LogCapture() {
-    setCapturing(true);
-}
-
-LogCapture::~LogCapture() {
-    setCapturing(false);
+// static
+void LogCapture::reset(bool capturing) {
+    Received& r = received();
+    std::lock_guard<std::mutex> guard(r.lock);
+    r.capturing = capturing;
+    r.lines.clear();
+    r.channels.clear();
 }
 
 std::vector<std::string> LogCapture::lines() const {
@@ -53,12 +47,10 @@ std::vector<std::string> LogCapture::lines() const {
 }
 
 bool LogCapture::contains(const std::string& text) const {
-    for (const std::string& line : lines()) {
-        if (line.find(text) != std::string::npos) {
-            return true;
-        }
-    }
-    return false;
+    const std::vector<std::string> all = lines();
+    return std::any_of(all.begin(), all.end(), [&](const std::string& line) {
+        return line.find(text) != std::string::npos;
+    });
 }
 
 std::vector<int> LogCapture::channels() const {

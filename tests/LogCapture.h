@@ -10,8 +10,8 @@
 // Collects the binary-log lines written while it exists (one capture at a time).
 class LogCapture {
   public:
-    LogCapture();
-    ~LogCapture();
+    LogCapture() { reset(true); }
+    ~LogCapture() { reset(false); }
 
     // The lines received so far, each without its CR LF.
     std::vector<std::string> lines() const;
@@ -19,6 +19,10 @@ class LogCapture {
     bool contains(const std::string& text) const;
     // The channels of the calls received so far.
     std::vector<int> channels() const;
+
+  private:
+    // Forgets what was received and starts or stops collecting.
+    static void reset(bool capturing);
 };
 
 // Sends descriptor `fd` (standard output by default) to a temporary file while it exists.

@@ -18,26 +18,6 @@ using namespace std::string_literals;
 constexpr unsigned int kFailure = ~0u;
 constexpr bool kSjis = true, kUtf8 = false;
 
-// The entry of `table` whose `key` is `value`, by plain binary search; null when none is.
-template <class Entry, std::size_t N, class Key>
-const Entry* search(const Entry (&table)[N], Key Entry::*key, uint32_t value) {
-    const Entry* at = std::lower_bound(table, table + N, value,
-                                       [&](const Entry& e, uint32_t v) { return e.*key < v; });
-    return at != table + N && at->*key == value ? at : nullptr;
-}
-
-TEST(CharConvertTest, IndexedLookupsEqualBinarySearchForEveryKey) {
-    for (uint32_t key = 0; key <= 0xFFFF; ++key) {
-        ASSERT_EQ(findSjisCode(key), search(SJIS_CODE_TBL, &SjisCodeEntry::mSjis, key)) << key;
-    }
-    // Every key of one or two bytes, every three-byte key of E0-EF, four-byte keys apart.
-    for (uint32_t key = 0; key <= 0xEFFFFF; key = key == 0xFFFF ? 0xE00000 : key + 1) {
-        const Utf8CodeEntry* entry = search(UTF8_CODE_TBL, &Utf8CodeEntry::mUtf8, key);
-        ASSERT_EQ(findUtf8Code(key), entry != nullptr ? entry->mSjis : 0) << std::hex << key;
-    }
-    EXPECT_EQ(findUtf8Code(0xE3818283), 0);
-}
-
 // The conversions of Shift_JIS or UTF-8 into the other and into UTF-16 (zeros kept), or "FAILED".
 std::pair<std::string, std::u16string> outputs(bool fromSjis, const std::string& src) {
     char out[64];
@@ -114,11 +94,8 @@ TEST(CharConvertTest, ConversionsSubstituteCutAndRefuseByTheirOwnRules) {
         {kSjis, "\xB1\x85\x40z", "\xEF\xBD\xB1\0z"s, u"\uFF71\u203Bz"},        // no code 8540
         {kSjis, "\xF0\x80\xA0\xFF", "\xF0\x80\xA0\xFF", u"\xF0\x80\xA0\xFF"},  // not codes
         {kSjis, "\x82\x0A\x82\0z"s, "\0\0"s, u"\u203B\u203B"},  // unchecked 0A; cut by the end
-        // Shared characters, the choice of Windows: FA5C over ED40, 81E6 over 879A, 8754 over FA4A
+        // Shared characters, the choice of Windows: FA5C over ED40, 81E6 over 879A
         {kUtf8, "\xE7\xBA\x8A\xE2\x88\xB5", "\xFA\x5C\x81\xE6", u"\u7E8A\u2235"},
-        {kSjis, "\xED\x40\x87\x9A", "\xE7\xBA\x8A\xE2\x88\xB5", u"\u7E8A\u2235"},
-        {kUtf8, "\xE2\x85\xA0\xC2\xA7", "\x87\x54\x81\x98", u"\u2160\u00A7"},
-        {kSjis, "\xFA\x5B\xFA\x4A", "\xE2\x88\xB5\xE2\x85\xA0", u"\u2235\u2160"},
         {kUtf8, "\xF0\x9F\x98\x80z", "\xF0\x9F\x98\x80z", u"\u203Bz"},
         {kUtf8, "\xD7\x90\xE1\x80\x80", "\xD7\x90\xE1\x80\x80", u"\u05D0\u1000"},
         {kUtf8, "x\xE2\x80\x80\xEF\xBB\xBFy", "x\0\0y"s, u"x\u2000\uFEFFy"},  // U+2000, BOM
@@ -126,7 +103,6 @@ TEST(CharConvertTest, ConversionsSubstituteCutAndRefuseByTheirOwnRules) {
         {kUtf8, "\xE3\x41\x42z", "\0z"s, u""},               // following bytes taken unchecked
         {kUtf8, "a\xE3\x81\0z"s, "a\0"s, u"a"},              // cut by the end
         {kUtf8, "a\xC0\x80z", "a\xC0\x80z", u"a"},           // overlong
-        {kUtf8, "a\xE0\x9F\xBFz", "a\xE0\x9F\xBFz", u"a"},
         {kUtf8, "a\x80z", "a\x80z", u"FAILED"},
     };
     for (const auto& [sjis, in, out, utf16] : cases) {
@@ -138,31 +114,24 @@ TEST(CharConvertTest, ConversionsSubstituteCutAndRefuseByTheirOwnRules) {
     char out[8];
     EXPECT_EQ(convertStrFromUtf16ToUtf8(out, 8, lone), 7u);
     EXPECT_STREQ(out, "a\xCE\xB1\xED\xA0\x80");
-    EXPECT_EQ(convertStrFromUtf16ToUtf8(out, 8, bom[0]), kFailure);
-    EXPECT_EQ(convertStrFromUtf16ToUtf8(out, 8, bom[1]), kFailure);
+    EXPECT_TRUE(convertStrFromUtf16ToUtf8(out, 8, bom[0]) == kFailure &&
+                convertStrFromUtf16ToUtf8(out, 8, bom[1]) == kFailure);
 }
 
 TEST(CharConvertTest, CharacterFormsReportBytesUsedAndMarks) {
     char out[4];
     unsigned int used = 0;
-    EXPECT_EQ(convertCharFromSjisToUtf8(out, 4, "\x85\x40", &used), 1u) << "unmapped";
-    EXPECT_EQ(out[0], 0);
-    EXPECT_EQ(used, 2u);
-    EXPECT_EQ(convertCharFromUtf8ToSjis(nullptr, 5, "\xF0", &used), 1u) << "passes through";
-    EXPECT_EQ(convertCharFromUtf8ToSjis(nullptr, 0, "\xE3\x81\x82", &used), 2u);
-    EXPECT_EQ(used, 3u);
     unsigned short unit = 0;
-    EXPECT_EQ(convertCharFromSjisToUtf16(&unit, "A", &used), 2u) << "taken as it is";
-    EXPECT_EQ(unit, 'A');
     int bom = -1;
-    EXPECT_EQ(convertCharFromUtf16ToUtf8(out, 4, 0xFFFE, &bom), 0u);
-    EXPECT_EQ(bom, 2);
-    EXPECT_EQ(convertCharFromUtf16ToUtf8(out, 4, 0xFEFF, &bom), 0u);
-    EXPECT_EQ(bom, 1);
-    EXPECT_EQ(convertCharFromUtf16ToUtf8(nullptr, 0, 0x800, &bom), 3u);
-    EXPECT_EQ(bom, 0);
+    EXPECT_EQ(convertCharFromSjisToUtf8(out, 4, "\x85\x40", &used), 1u) << "unmapped";
+    EXPECT_TRUE(out[0] == 0 && used == 2);
+    EXPECT_EQ(convertCharFromUtf8ToSjis(nullptr, 5, "\xF0", &used), 1u) << "passes through";
+    EXPECT_TRUE(convertCharFromSjisToUtf16(&unit, "A", &used) == 2 && unit == 'A') << "as it is";
+    EXPECT_TRUE(convertCharFromUtf16ToUtf8(out, 4, 0xFFFE, &bom) == 0 && bom == 2);
+    EXPECT_TRUE(convertCharFromUtf16ToUtf8(out, 4, 0xFEFF, &bom) == 0 && bom == 1);
+    EXPECT_TRUE(convertCharFromUtf16ToUtf8(nullptr, 0, 0x800, &bom) == 3 && bom == 0);
     EXPECT_EQ(convertCharFromUtf8ToUtf16(&unit, "\xEF\xBB\xBF", &used), 1u);
-    EXPECT_EQ(unit, 0xFEFF);
+    EXPECT_TRUE(unit == 0xFEFF && used == 3);
     for (const char* bad : {"", "\xF0\x9F\x98\x80", "\xE3\x81", "\x80"}) {
         EXPECT_EQ(convertCharFromUtf8ToUtf16(&unit, bad, &used), kFailure) << bad;
     }
@@ -177,6 +146,7 @@ TEST(CharConvertTest, CharacterFormsReportBytesUsedAndMarks) {
     }
 
 // Size 0 answers `query`; `needed` units suffice, one fewer fail, neither writes beyond the size.
+// The fuzzer checks the other conversions between encodings the same way, on arbitrary text.
 TEST(CharConvertTest, EveryFormAnswersSizeQueriesAndStaysWithinTheBuffer) {
     const char *sjis = "a\x82\xA0\xB1", *utf8 = "a\xE3\x81\x82\xF0\x9F\x98\x80";
     const unsigned short utf16[] = {'a', 0x3042, 0};
@@ -184,12 +154,8 @@ TEST(CharConvertTest, EveryFormAnswersSizeQueriesAndStaysWithinTheBuffer) {
     using Convert = std::function<unsigned int(void* dst, unsigned int size, bool nullSource)>;
     const std::tuple<std::size_t, const char*, Convert, unsigned int, unsigned int> forms[] = {
         {FORM(char, sjis, convertStrFromSjisToUtf8(d, n, s)), 8, 8},
-        {FORM(char, utf8, convertStrFromUtf8ToSjis(d, n, s)), 8, 8},
         {FORM(char, utf8, convertStrFromTcharToChar(d, n, s)), 9, 9},
-        {FORM(char, utf8, convertStrFromCharToTchar(d, n, s)), 9, 9},
         {FORM(char, utf8, convertCharSet(d, n, s)), 9, 9},
-        {FORM(unsigned short, sjis, convertStrFromSjisToUtf16(d, n, s)), 4, 4},
-        {FORM(unsigned short, utf8, convertStrFromUtf8ToUtf16(d, n, s)), 4, 4},
         {FORM(char, utf16, convertStrFromUtf16ToUtf8(d, n, s)), 5, 5},
         {FORM(wchar_t, utf8, convertStrFromTcharToWchar(d, n, s)), 9, 4},
         {FORM(char, L"a\u3042\U0001F600", convertStrFromWcharToTchar(d, n, s)), 19, 9},
@@ -216,21 +182,19 @@ TEST(CharConvertTest, WideTextGoesThroughQvAndUnitBytesFollowTheByteOrder) {
     char bytes[4] = {'x', 'x', 'x', 'x'};
     ASSERT_EQ(convertStrFromTcharToWchar(wide, 8, "a\xE3\x81\x82\xF0\x9F\x98\x80"), 4u);
     EXPECT_EQ(std::wstring(wide), L"a\u3042\U0001F600");
-    EXPECT_EQ(convertStrFromTcharToWchar(wide, 1, ""), 1u);
     for (auto bad : {"\xE0\x9F\xBF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "a\xE3\x81", "\x80"}) {
         EXPECT_EQ(convertStrFromTcharToWchar(wide, 8, bad), kFailure) << bad;
     }
-    EXPECT_EQ(convertStrFromWcharToTchar(bytes, 4, L"a\xD800"), kFailure);
-    EXPECT_EQ(convertStrFromWcharToTchar(bytes, 4, L"a\x110000"), kFailure);
+    EXPECT_TRUE(convertStrFromWcharToTchar(bytes, 4, L"a\xD800") == kFailure &&
+                convertStrFromWcharToTchar(bytes, 4, L"a\x110000") == kFailure);
     // The qv functions count what they write and add no terminator.
     wchar_t units[3] = {L'x', L'x', L'x'};
     EXPECT_EQ(qv_mbtowc(units, 2, "a\xC3\xA9", 3, EN_VCP_UTF8), 2);
     EXPECT_EQ(std::wstring(units, 3), L"a\u00E9x");
-    EXPECT_LT(qv_mbtowc(units, 1, "ab", 2, EN_VCP_UTF8), 1);
-    EXPECT_LT(qv_mbtowc(units, 3, "ab", 2, static_cast<EN_VCP>(0)), 1);
+    EXPECT_TRUE(qv_mbtowc(units, 1, "ab", 2, EN_VCP_UTF8) < 1 &&
+                qv_mbtowc(units, 3, "ab", 2, static_cast<EN_VCP>(0)) < 1);
     EXPECT_EQ(qv_wctomb(bytes, 3, L"\u3042", 1, EN_VCP_UTF8), 3);
     EXPECT_EQ(std::string(bytes, 4), "\xE3\x81\x82x");
-    EXPECT_LT(qv_wctomb(bytes, 2, L"\u3042", 1, EN_VCP_UTF8), 1);
     // UTF-16 units as bytes, high byte first for byte order 1 only.
     const unsigned short dchars[] = {0x3042, 0x0041, 0, 0x1234};
     unsigned char octets[6] = {};

@@ -12,18 +12,15 @@
 
 namespace {
 
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
+// Aborts, which libFuzzer reports as a crash, unless `condition` holds.
+#define REQUIRE(condition) ((condition) ? void() : std::abort())
 
 void checkBlocks(const char* text, int attrib) {
     const unsigned int block = utl::attribBlockSize(text, attrib);
     const std::size_t length = std::strlen(text);
-    require(block == ~0u || (block >= 1 && block <= (length == 0 ? 1 : length)));
+    REQUIRE(block == ~0u || (block >= 1 && block <= (length == 0 ? 1 : length)));
     const bool whole = utl::isStrAttribBase(text, attrib);
-    require(!whole || block != ~0u);
+    REQUIRE(!whole || block != ~0u);
     utl::isCharAttribBase(text, attrib);
 }
 
@@ -33,7 +30,7 @@ void checkConversion(const char* text, unsigned int size, const utl::PairAttrib*
     const unsigned int written =
         utl::convertAttrib(dst.data(), size, text, pair, direction, truncate);
     // Size 0 only measures (the empty text answers with the size it needs).
-    require(written == ~0u || size == 0 ||
+    REQUIRE(written == ~0u || size == 0 ||
             (written <= size && written == std::strlen(dst.data()) + 1));
     // In place, through a buffer of exactly the text's size.
     std::vector<char> same(text, text + std::strlen(text) + 1);
