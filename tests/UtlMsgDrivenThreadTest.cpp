@@ -25,16 +25,14 @@ using utl::MsgDrivenThread;
 
 constexpr int kLibraryLogType = -2;
 
-// A loop whose listener can be held inside a message while the test queues more, and which runs
-// test code in the loop thread meanwhile (`inLoop`).
+// A loop whose listener can be held inside a message while the test queues more.
 struct HeldLoop {
-    explicit HeldLoop(unsigned int maxMsgSize = 16, unsigned int maxMsgCount = 16,
-                      unsigned int maxTimers = 4)
-        : thread(maxMsgSize, maxMsgCount, "held", maxTimers) {
+    explicit HeldLoop(unsigned int maxMsgSize = 16, unsigned int maxMsgCount = 16)
+        : thread(maxMsgSize, maxMsgCount, "held", 4) {
         listener.onReceive = [this](const Received& r) {
             if (r.mId == kHoldId) {
                 held.open();
-                hold();
+                released.wait();
             }
         };
     }
@@ -48,46 +46,15 @@ struct HeldLoop {
         ASSERT_TRUE(thread.postMsg(kHoldId));
         ASSERT_TRUE(held.wait());
     }
-    void release() {
-        std::lock_guard<std::mutex> guard(mutex);
-        released = true;
-        condition.notify_all();
-    }
-    // Runs `task` in the held loop thread and returns when it is done.
-    void inLoop(std::function<void()> task) {
-        std::unique_lock<std::mutex> lock(mutex);
-        this->task = std::move(task);
-        condition.notify_all();
-        ASSERT_TRUE(condition.wait_for(lock, kTestTimeout, [this] { return !this->task; }));
-    }
+    void release() { released.open(); }
 
     static constexpr int kHoldId = 999;
     RecordingListener listener;
     Gate held;
+    Gate released;
     MsgDrivenThread thread;
-
-  private:
-    void hold() {
-        std::unique_lock<std::mutex> lock(mutex);
-        while (!released) {
-            if (!condition.wait_for(lock, kTestTimeout, [this] { return released || task; })) {
-                return;
-            }
-            if (task) {
-                task();
-                task = nullptr;
-                condition.notify_all();
-            }
-        }
-    }
-
-    std::mutex mutex;
-    std::condition_variable condition;
-    bool released = false;
-    std::function<void()> task;
 };
 
-// The loop thread may post to itself but cannot wait for itself.
 TEST(MsgDrivenThreadTest, DeliversEachKindToTheListenerOnItsOwnThread) {
     RecordingListener listener;
     MsgDrivenThread thread(16, 4, "kinds", 0);
@@ -249,55 +216,68 @@ TEST(MsgDrivenThreadTest, InterruptedReadGoesOnAndAFailedReadEndsTheLoop) {
     EXPECT_FALSE(thread.postMsg(2));
 }
 
+// The loop thread searches its own queue directly: here it posts to itself inside a message, so
+// that the posts stay queued while it looks.
 TEST(MsgDrivenThreadTest, LoopThreadSearchesPeeksAndErasesItsQueue) {
-    HeldLoop loop;
-    loop.startHeld();
-    loop.inLoop([&] { EXPECT_EQ(loop.thread.getFirstMsgId(), MsgDrivenThread::MSG_ID_NONE); });
-    ASSERT_TRUE(loop.thread.postMsg(ValueMsg(1, 10)));
-    ASSERT_TRUE(loop.thread.postMsg(ValueMsg(2, 20)));
-    ASSERT_TRUE(loop.thread.postMsg(ValueMsg(1, 30)));
-    std::atomic<int> syncResult{-1};
-    Sender syncSender([&] { syncResult = loop.thread.sendMsgSync(ValueMsg(4, 40)); });
-    ASSERT_TRUE(syncSender.awaitBlocked());
-
-    loop.inLoop([&] {
-        EXPECT_EQ(loop.thread.getFirstMsgId(), 1);
-        EXPECT_TRUE(loop.thread.hasMsg(4));
-        EXPECT_FALSE(loop.thread.hasMsg(3));
+    RecordingListener listener;
+    MsgDrivenThread thread(16, 8, "self", 0);
+    listener.onReceive = [&](const Received& r) {
+        if (r.mId != 9) {
+            return;
+        }
+        EXPECT_EQ(thread.getFirstMsgId(), MsgDrivenThread::MSG_ID_NONE);
+        for (const ValueMsg& msg : {ValueMsg(1, 10), ValueMsg(2, 20), ValueMsg(1, 30)}) {
+            ASSERT_TRUE(thread.postMsg(msg));
+        }
+        EXPECT_EQ(thread.getFirstMsgId(), 1);
+        EXPECT_FALSE(thread.hasMsg(3));
         utl::ThreadRawMsg peeked(20);
-        ASSERT_TRUE(loop.thread.peekMsg(2, &peeked));
+        ASSERT_TRUE(thread.peekMsg(2, &peeked));
         ValueMsg value(0);
         ASSERT_TRUE(value.restoreFrom(peeked));
         EXPECT_EQ(value.mValue, 20);
-        EXPECT_FALSE(loop.thread.peekMsg(2, nullptr));
-        EXPECT_TRUE(loop.thread.eraseMsg(1));
-        EXPECT_TRUE(loop.thread.eraseMsg(4));
-        EXPECT_FALSE(loop.thread.hasMsg(1));
-        EXPECT_EQ(loop.thread.getFirstMsgId(), 2);
-    });
-    syncSender.join();
-    EXPECT_EQ(syncResult, 0) << "an erased synchronous message releases its sender with false";
-    loop.release();
-    ASSERT_TRUE(loop.thread.sendMsgSync(5));
-    EXPECT_EQ(loop.listener.ids(), (std::vector<int>{HeldLoop::kHoldId, 2, 5}));
+        EXPECT_FALSE(thread.peekMsg(2, nullptr));
+        EXPECT_TRUE(thread.eraseMsg(1));
+        EXPECT_FALSE(thread.hasMsg(1));
+        EXPECT_EQ(thread.getFirstMsgId(), 2);
+    };
+    ASSERT_EQ(thread.start(&listener), 0);
+    ASSERT_TRUE(thread.postMsg(9));
+    ASSERT_TRUE(waitUntil([&] { return listener.count() == 2; }));
+    ASSERT_TRUE(thread.sendMsgSync(5));
+    EXPECT_EQ(listener.ids(), (std::vector<int>{9, 2, 5}));
 }
 
+// Other threads hand their searches to the loop and wait; erasing a queued synchronous message
+// releases its sender with false.
 TEST(MsgDrivenThreadTest, OtherThreadsSearchAndEraseThroughTheLoop) {
     HeldLoop loop;
     loop.startHeld();
     ASSERT_TRUE(loop.thread.postMsg(ValueMsg(1, 10)));
     ASSERT_TRUE(loop.thread.postMsg(ValueMsg(2, 20)));
+    std::atomic<int> syncResult{-1};
     std::atomic<int> has{-1};
     std::atomic<int> erased{-1};
+    Sender syncSender([&] { syncResult = loop.thread.sendMsgSync(ValueMsg(4, 40)); });
+    ASSERT_TRUE(syncSender.awaitBlocked());
     Sender finder([&] { has = loop.thread.hasMsg(2); });
     ASSERT_TRUE(finder.awaitBlocked()) << "the search waits for the loop";
-    Sender eraser([&] { erased = loop.thread.eraseMsg(1); });
+    struct OneOrFour {
+        bool judge(utl::ThreadRawMsg& raw) {
+            int id = 0;
+            return raw.getMsgId(&id) && (id == 1 || id == 4);
+        }
+    };
+    MsgDrivenThread::MsgJudgement<OneOrFour> oneOrFour{OneOrFour()};
+    Sender eraser([&] { erased = loop.thread.eraseMsgInternal(&oneOrFour); });
     ASSERT_TRUE(eraser.awaitBlocked());
     loop.release();
     finder.join();
     eraser.join();
+    syncSender.join();
     EXPECT_EQ(has, 1);
     EXPECT_EQ(erased, 1);
+    EXPECT_EQ(syncResult, 0);
     ASSERT_TRUE(loop.thread.sendMsgSync(3));
     EXPECT_EQ(loop.listener.ids(), (std::vector<int>{HeldLoop::kHoldId, 2, 3}));
 }
