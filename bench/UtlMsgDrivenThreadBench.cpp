@@ -10,6 +10,8 @@
 //   design). One iteration posts a batch of kBatch messages and waits until all are delivered;
 //   the queues hold a whole batch, so a post is never refused ("refused" counts any that were,
 //   per batch). items/s is messages delivered per second.
+// - Broadcast: the same posting to a MsgDrivenSharedThread with eight listeners; items/s counts
+//   deliveries (eight per message), to compare per delivery with the single listener.
 // - Timer lateness: a 10 ms run-on timer of the loop against a bare POSIX timer on the monotonic
 //   clock whose own real-time signal (SIGRTMIN + 3) writes a token into a pipe read by a thread.
 //   Expiry k of 300 is due at arm time + k x 10 ms; its lateness is the monotonic time at which
@@ -21,6 +23,7 @@
 // to the scheduler, the same benchmark flips between the two from run to run, and on a virtual
 // machine a wake-up across CPUs costs ten times one on the same CPU, which would swamp the
 // ratio. Placement 2 is skipped on a single CPU.
+#include "UtlMsgDrivenSharedThread.h"
 #include "UtlMsgDrivenThread.h"
 
 #include <benchmark/benchmark.h>
@@ -369,6 +372,49 @@ void BM_MsgDrivenThreadPost(benchmark::State& state) {
     reportPosting(state, delivered, refused);
 }
 
+// The same posting to a shared thread with kListeners listeners, each of which receives every
+// message; items/s counts deliveries, so it compares per delivery with the loop's own single
+// listener above. The first listener attached is served last: once it has all messages of the
+// batch, so have the others.
+constexpr unsigned int kListeners = 8;
+
+void BM_MsgDrivenSharedThreadBroadcast(benchmark::State& state) {
+    Placement placement(state);
+    QuadListener listeners[kListeners];
+    utl::MsgDrivenSharedThread thread(kQuadBody, kBatch, kListeners, "benchBroadcast", 0);
+    for (QuadListener& listener : listeners) {
+        thread.attachMsgListener(&listener);
+    }
+    if (!placement.isValid()) {
+        return;
+    }
+    if (thread.start(0, 0, nullptr, 1, 0) != 0 ||
+        !thread.sendMsgSync(ValueMsg(kPinId, placement.otherCpu())) || !listeners[0].mPinned) {
+        state.SkipWithError("cannot start and bind the loop thread");
+        return;
+    }
+    QuadListener& lastServed = listeners[0];
+    uint64_t refused = 0;
+    uint64_t target = 0;
+    int32_t value = 0;
+    for (auto _ : state) {
+        target += kBatch;
+        lastServed.mCount.setTarget(target);
+        for (unsigned int n = 0; n < kBatch;) {
+            if (thread.postMsg(QuadMsg(kQuadId, ++value))) {
+                ++n;
+            } else {
+                ++refused;
+                std::this_thread::yield();
+            }
+        }
+        lastServed.mCount.awaitTarget();
+    }
+    const uint64_t delivered = lastServed.mCount.count() * kListeners;
+    thread.stop(1, 0);
+    reportPosting(state, delivered, refused);
+}
+
 // The floor: a mutex-guarded ring of bytes in fixed slots, and a pipe token per message.
 class SlotRing {
   public:
@@ -687,6 +733,7 @@ void BM_PosixTimerLateness(benchmark::State& state) {
 BENCHMARK(BM_MsgDrivenThreadSendSync)->ArgName("cpus")->Arg(1)->Arg(2)->UseRealTime();
 BENCHMARK(BM_PipeLoopSendSync)->ArgName("cpus")->Arg(1)->Arg(2)->UseRealTime();
 BENCHMARK(BM_MsgDrivenThreadPost)->ArgName("cpus")->Arg(1)->Arg(2)->UseRealTime();
+BENCHMARK(BM_MsgDrivenSharedThreadBroadcast)->ArgName("cpus")->Arg(1)->Arg(2)->UseRealTime();
 BENCHMARK(BM_PipeRingPost)->ArgName("cpus")->Arg(1)->Arg(2)->UseRealTime();
 BENCHMARK(BM_StdDequePost)->ArgName("cpus")->Arg(1)->Arg(2)->UseRealTime();
 BENCHMARK(BM_MsgDrivenThreadTimerLateness)
