@@ -44,7 +44,6 @@ void forgetCallerIdInChild() {
 // lock once made.
 struct ManagerSingleton {
     utl::SyncObject mInstantiationSyncObject;
-    std::atomic<utl::ThreadManager*> mpTheObject{nullptr};
     uint32_t mEntryMax = utl::ThreadManager::DEFAULT_ENTRY_MAX;  // Guarded by the lock.
 };
 
@@ -71,10 +70,11 @@ namespace utl {
 
 namespace detail {
 
-void keepAlive(const char* file, const char* function, unsigned int line, unsigned int sub) {
-    if (ThreadManager* manager = ThreadManager::getIfCreated()) {
-        manager->keepAliveWatchdog(StatementInfo(file, function, line, sub));
-    }
+std::atomic<ThreadManager*> gThreadManager{nullptr};
+
+void reportAlive(ThreadManager* manager, const char* file, const char* function, unsigned int line,
+                 unsigned int sub) {
+    manager->keepAliveWatchdog(StatementInfo(file, function, line, sub));
 }
 
 }  // namespace detail
@@ -343,22 +343,22 @@ ThreadManager::~ThreadManager() {
 // static
 ThreadManager* ThreadManager::get() {
     ManagerSingleton& s = singleton();
-    ThreadManager* manager = s.mpTheObject.load(std::memory_order_acquire);
+    ThreadManager* manager = detail::gThreadManager.load(std::memory_order_acquire);
     if (manager != nullptr) {
         return manager;
     }
     SyncGuard guard(s.mInstantiationSyncObject);
-    manager = s.mpTheObject.load(std::memory_order_relaxed);
+    manager = detail::gThreadManager.load(std::memory_order_relaxed);
     if (manager == nullptr) {
         manager = new (std::nothrow) ThreadManager(s.mEntryMax);
-        s.mpTheObject.store(manager, std::memory_order_release);
+        detail::gThreadManager.store(manager, std::memory_order_release);
     }
     return manager;
 }
 
 // static
 ThreadManager* ThreadManager::getIfCreated() {
-    return singleton().mpTheObject.load(std::memory_order_acquire);
+    return detail::gThreadManager.load(std::memory_order_acquire);
 }
 
 // static
@@ -367,15 +367,15 @@ void ThreadManager::destroy() {
     SyncGuard guard(s.mInstantiationSyncObject);
     // Deleted before the pointer is cleared: the watchdog thread's stop reaches the manager
     // through get(), which must not make a new one meanwhile.
-    delete s.mpTheObject.load(std::memory_order_relaxed);
-    s.mpTheObject.store(nullptr, std::memory_order_release);
+    delete detail::gThreadManager.load(std::memory_order_relaxed);
+    detail::gThreadManager.store(nullptr, std::memory_order_release);
 }
 
 // static
 bool ThreadManager::initializeEntryMax(unsigned int entryMax) {
     ManagerSingleton& s = singleton();
     SyncGuard guard(s.mInstantiationSyncObject);
-    ThreadManager* manager = s.mpTheObject.load(std::memory_order_relaxed);
+    ThreadManager* manager = detail::gThreadManager.load(std::memory_order_relaxed);
     if (manager == nullptr) {
         s.mEntryMax = entryMax;
         return true;

@@ -194,7 +194,6 @@ bool ThreadWatchdog::keepAlive(const StatementInfo& statement) {
     }
     tReporting = true;
     const int id = ThreadManager::getCallerId();
-    const uint32_t now = TimeCounter::getTickTime();
     bool reported = false;
     bool backFromTimeout = false;
     BasicString<char> name(1, 1);
@@ -209,7 +208,7 @@ bool ThreadWatchdog::keepAlive(const StatementInfo& statement) {
             }
             info.mStatus = WatchdogInfo::STATUS_ALIVE;
             info.mLastStatement = statement;
-            info.mLastAliveTick = now;
+            info.mLastAliveTick = TimeCounter::getTickTime();
             reported = true;
         }
     }

@@ -9,7 +9,8 @@ cd "$(dirname "$0")/.."
 source tools/common.sh
 
 utl_require_packages cmake ninja-build g++ pkg-config libgtest-dev googletest libbenchmark-dev \
-    g++-arm-linux-gnueabihf qemu-user clang-format clang libclang-rt-dev python3 || exit 1
+    g++-arm-linux-gnueabihf qemu-user clang-format clang libclang-rt-dev python3 \
+    libcurl4-openssl-dev || exit 1
 
 jobs=$(utl_jobs)
 results=()
