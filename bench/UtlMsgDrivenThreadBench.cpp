@@ -27,16 +27,9 @@
 #include "UtlMsgDrivenThread.h"
 
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <pthread.h>
-#include <sched.h>
-#include <signal.h>
-#include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
@@ -46,9 +39,12 @@
 #include <vector>
 
 #include "TestMessages.h"
+#include "ThreadBenchSupport.h"
 #include "UtlMsg.h"
 
 namespace {
+
+using namespace utl_bench;
 
 constexpr int kValueId = 1;
 constexpr int kQuadId = 2;
@@ -59,130 +55,10 @@ constexpr int kPinId = 3;
 constexpr unsigned int kQuadBody = 16;
 constexpr unsigned int kQuadSlot = 4 + kQuadBody;
 
-int64_t monotonicNsec() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
-}
-
-// A pipe whose ends are closed with the object.
-class Pipe {
-  public:
-    Pipe() {
-        if (pipe2(mFds, O_CLOEXEC) != 0) {
-            mFds[0] = mFds[1] = -1;
-        }
-    }
-    ~Pipe() {
-        closeWriteEnd();
-        if (mFds[0] >= 0) {
-            close(mFds[0]);
-        }
-    }
-    Pipe(const Pipe&) = delete;
-    Pipe& operator=(const Pipe&) = delete;
-
-    bool isOpen() const { return mFds[0] >= 0; }
-    int readEnd() const { return mFds[0]; }
-    int writeEnd() const { return mFds[1]; }
-    // The reader's next read() then returns 0.
-    void closeWriteEnd() {
-        if (mFds[1] >= 0) {
-            close(mFds[1]);
-            mFds[1] = -1;
-        }
-    }
-
-  private:
-    int mFds[2];
-};
-
-// Reads one 8-byte token; false at the end of the pipe or on an error other than EINTR.
-bool readToken(int fd, int32_t token[2]) {
-    for (;;) {
-        const ssize_t got = read(fd, token, 2 * sizeof(int32_t));
-        if (got == static_cast<ssize_t>(2 * sizeof(int32_t))) {
-            return true;
-        }
-        if (got >= 0 || errno != EINTR) {
-            return false;
-        }
-    }
-}
-
 bool writeToken(int fd, int32_t id, int32_t param) {
     const int32_t token[2] = {id, param};
     return write(fd, token, sizeof token) == static_cast<ssize_t>(sizeof token);
 }
-
-// ---- CPU placement
-
-// The first two CPUs the process may run on; the second is -1 on a single CPU.
-struct CpuPair {
-    int mFirst = -1;
-    int mSecond = -1;
-};
-
-CpuPair allowedCpus() {
-    CpuPair pair;
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    if (sched_getaffinity(0, sizeof set, &set) != 0) {
-        return pair;
-    }
-    for (int cpu = 0; cpu < CPU_SETSIZE && pair.mSecond < 0; ++cpu) {
-        if (CPU_ISSET(cpu, &set)) {
-            (pair.mFirst < 0 ? pair.mFirst : pair.mSecond) = cpu;
-        }
-    }
-    return pair;
-}
-
-// Binds the calling thread to `cpu`.
-bool pinCallerTo(int cpu) {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    CPU_SET(cpu, &set);
-    return pthread_setaffinity_np(pthread_self(), sizeof set, &set) == 0;
-}
-
-// Binds the benchmark thread to the first allowed CPU and gives the CPU for the other thread;
-// the benchmark thread gets its former CPUs back at the end.
-class Placement {
-  public:
-    explicit Placement(benchmark::State& state) : mValid(false), mOtherCpu(-1) {
-        CPU_ZERO(&mSaved);
-        const CpuPair cpus = allowedCpus();
-        const bool apart = state.range(0) == 2;
-        if (cpus.mFirst < 0 || (apart && cpus.mSecond < 0)) {
-            state.SkipWithError("not enough CPUs for this placement");
-            return;
-        }
-        if (pthread_getaffinity_np(pthread_self(), sizeof mSaved, &mSaved) != 0 ||
-            !pinCallerTo(cpus.mFirst)) {
-            state.SkipWithError("cannot bind the benchmark thread");
-            return;
-        }
-        mOtherCpu = apart ? cpus.mSecond : cpus.mFirst;
-        mValid = true;
-    }
-    ~Placement() {
-        if (mValid) {
-            pthread_setaffinity_np(pthread_self(), sizeof mSaved, &mSaved);
-        }
-    }
-    Placement(const Placement&) = delete;
-    Placement& operator=(const Placement&) = delete;
-
-    bool isValid() const { return mValid; }
-    // Where the loop or consumer thread goes.
-    int otherCpu() const { return mOtherCpu; }
-
-  private:
-    bool mValid;
-    int mOtherCpu;
-    cpu_set_t mSaved;
-};
 
 // A listener that binds the loop thread to the CPU a kPinId message carries, and hands every other
 // message to `handle`.
@@ -344,19 +220,16 @@ void reportPosting(benchmark::State& state, uint64_t delivered, uint64_t refused
         benchmark::Counter(static_cast<double>(refused), benchmark::Counter::kAvgIterations);
 }
 
-void BM_MsgDrivenThreadPost(benchmark::State& state) {
-    Placement placement(state);
-    QuadListener listener;
-    utl::MsgDrivenThread thread(kQuadBody, kBatch, "benchPost", 0);
-    if (!startPlaced(thread, listener, placement, state)) {
-        return;
-    }
+// Posts batches of kBatch messages through `thread`, each awaited until `lastServed` has received
+// all of it, and reports the deliveries: `listenersServed` per message.
+void postBatches(benchmark::State& state, utl::MsgDrivenThread& thread, QuadListener& lastServed,
+                 unsigned int listenersServed) {
     uint64_t refused = 0;
     uint64_t target = 0;
     int32_t value = 0;
     for (auto _ : state) {
         target += kBatch;
-        listener.mCount.setTarget(target);
+        lastServed.mCount.setTarget(target);
         for (unsigned int n = 0; n < kBatch;) {
             if (thread.postMsg(QuadMsg(kQuadId, ++value))) {
                 ++n;
@@ -365,11 +238,20 @@ void BM_MsgDrivenThreadPost(benchmark::State& state) {
                 std::this_thread::yield();
             }
         }
-        listener.mCount.awaitTarget();
+        lastServed.mCount.awaitTarget();
     }
-    const uint64_t delivered = listener.mCount.count();
+    const uint64_t delivered = lastServed.mCount.count() * listenersServed;
     thread.stop(1, 0);
     reportPosting(state, delivered, refused);
+}
+
+void BM_MsgDrivenThreadPost(benchmark::State& state) {
+    Placement placement(state);
+    QuadListener listener;
+    utl::MsgDrivenThread thread(kQuadBody, kBatch, "benchPost", 0);
+    if (startPlaced(thread, listener, placement, state)) {
+        postBatches(state, thread, listener, 1);
+    }
 }
 
 // The same posting to a shared thread with kListeners listeners, each of which receives every
@@ -393,26 +275,7 @@ void BM_MsgDrivenSharedThreadBroadcast(benchmark::State& state) {
         state.SkipWithError("cannot start and bind the loop thread");
         return;
     }
-    QuadListener& lastServed = listeners[0];
-    uint64_t refused = 0;
-    uint64_t target = 0;
-    int32_t value = 0;
-    for (auto _ : state) {
-        target += kBatch;
-        lastServed.mCount.setTarget(target);
-        for (unsigned int n = 0; n < kBatch;) {
-            if (thread.postMsg(QuadMsg(kQuadId, ++value))) {
-                ++n;
-            } else {
-                ++refused;
-                std::this_thread::yield();
-            }
-        }
-        lastServed.mCount.awaitTarget();
-    }
-    const uint64_t delivered = lastServed.mCount.count() * kListeners;
-    thread.stop(1, 0);
-    reportPosting(state, delivered, refused);
+    postBatches(state, thread, listeners[0], kListeners);
 }
 
 // The floor: a mutex-guarded ring of bytes in fixed slots, and a pipe token per message.
@@ -563,58 +426,6 @@ void BM_StdDequePost(benchmark::State& state) {
 
 // ---- Timer lateness
 
-constexpr int kPeriodMsec = 10;
-constexpr int64_t kPeriodNsec = int64_t(kPeriodMsec) * 1000000;
-constexpr unsigned int kExpiries = 300;
-
-// Arrival times of the expiries, written by one thread; the benchmark thread waits for all.
-class Arrivals {
-  public:
-    Arrivals() : mTimes(kExpiries, 0) {}
-    void arrived() {
-        const unsigned int n = mCount.load(std::memory_order_relaxed);
-        if (n >= kExpiries) {
-            return;
-        }
-        mTimes[n] = monotonicNsec();
-        if (n + 1 == kExpiries) {
-            std::lock_guard<std::mutex> guard(mMutex);
-            mCount.store(n + 1, std::memory_order_release);
-            mCondition.notify_one();
-        } else {
-            mCount.store(n + 1, std::memory_order_release);
-        }
-    }
-    // False when the expiries did not all arrive within twice their due time.
-    bool awaitAll() {
-        std::unique_lock<std::mutex> lock(mMutex);
-        return mCondition.wait_for(lock, std::chrono::milliseconds(2 * kPeriodMsec * kExpiries),
-                                   [this] { return mCount.load() == kExpiries; });
-    }
-    // Sets p50_us and p99_us of the lateness against `armNsec`.
-    void report(benchmark::State& state, int64_t armNsec) const {
-        std::vector<double> lateness;
-        for (unsigned int k = 0; k < kExpiries; ++k) {
-            const int64_t due = armNsec + int64_t(k + 1) * kPeriodNsec;
-            lateness.push_back(static_cast<double>(mTimes[k] - due) / 1000.0);
-        }
-        std::sort(lateness.begin(), lateness.end());
-        // Nearest rank: the smallest value with at least p percent of the samples at or below.
-        const auto rank = [&](unsigned int percent) {
-            return lateness[(percent * kExpiries + 99) / 100 - 1];
-        };
-        state.counters["p50_us"] = rank(50);
-        state.counters["p99_us"] = rank(99);
-        state.counters["max_us"] = lateness.back();
-    }
-
-  private:
-    std::vector<int64_t> mTimes;
-    std::atomic<unsigned int> mCount{0};
-    std::mutex mMutex;
-    std::condition_variable mCondition;
-};
-
 // Arms the loop's timer from inside the loop, as the floor arms its own: the arm time is then
 // taken right before the POSIX timer is set, not before a hand-off to another thread.
 class TimerListener : public utl::ThreadMsgListener {
@@ -662,70 +473,6 @@ void BM_MsgDrivenThreadTimerLateness(benchmark::State& state) {
         }
         listener.mArrivals.report(state, listener.mArmNsec);
     }
-}
-
-// The floor's signal carries the pipe's write end; the handler saves and restores errno.
-void writeExpiryToken(int, siginfo_t* info, void*) {
-    const int savedErrno = errno;
-    const int fd = info->si_value.sival_int;
-    const int32_t token[2] = {1, 0};
-    if (write(fd, token, sizeof token) < 0) {
-        // Nothing to do in a handler: the missing expiry shows as a missing arrival.
-    }
-    errno = savedErrno;
-}
-
-void BM_PosixTimerLateness(benchmark::State& state) {
-    const Placement placement(state);
-    const int signal = SIGRTMIN + 3;
-    struct sigaction action = {};
-    action.sa_sigaction = writeExpiryToken;
-    action.sa_flags = SA_SIGINFO | SA_RESTART;
-    sigemptyset(&action.sa_mask);
-    struct sigaction previous = {};
-    if (sigaction(signal, &action, &previous) != 0) {
-        state.SkipWithError("sigaction failed");
-        return;
-    }
-    for (auto _ : state) {
-        Pipe pipe;
-        if (!pipe.isOpen()) {
-            state.SkipWithError("no pipe");
-            break;
-        }
-        fcntl(pipe.writeEnd(), F_SETFL, fcntl(pipe.writeEnd(), F_GETFL) | O_NONBLOCK);
-        Arrivals arrivals;
-        std::thread reader([&] {
-            int32_t token[2];
-            while (readToken(pipe.readEnd(), token)) {
-                arrivals.arrived();
-            }
-        });
-        sigevent event = {};
-        event.sigev_notify = SIGEV_SIGNAL;
-        event.sigev_signo = signal;
-        event.sigev_value.sival_int = pipe.writeEnd();
-        timer_t timer = {};
-        bool complete = false;
-        int64_t arm = 0;
-        if (timer_create(CLOCK_MONOTONIC, &event, &timer) == 0) {
-            const timespec period = {0, kPeriodNsec};
-            const itimerspec timing = {period, period};
-            arm = monotonicNsec();
-            if (timer_settime(timer, 0, &timing, nullptr) == 0) {
-                complete = arrivals.awaitAll();
-            }
-            timer_delete(timer);
-        }
-        pipe.closeWriteEnd();
-        reader.join();
-        if (!complete) {
-            state.SkipWithError("the timer failed or expiries are missing");
-            break;
-        }
-        arrivals.report(state, arm);
-    }
-    sigaction(signal, &previous, nullptr);
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 // A short tour of utl: a sorted map of fixed capacity, a bit stream packing header fields, text
 // conversion, logging, an event that one thread waits on with a timeout, a message thread that
-// receives a posted, a synchronous and a timer message, and the watchdog catching a stuck thread.
+// receives a posted, a synchronous and a timer message, the watchdog catching a stuck thread, a
+// shared message thread serving two listeners, a Timer, an HTTP date read back, and a memory
+// pool.
 #include <Utl.h>
 
 #include <cstdio>
@@ -80,21 +82,22 @@ class Greeting : public utl::Msg {
     char mText[32];
 };
 
-// Prints what arrives; a message with id 2 keeps the loop busy for a second, long enough for the
-// watchdog to take the thread for stuck.
+// Prints what arrives, after its name; a message with id 2 keeps the loop busy for a second, long
+// enough for the watchdog to take the thread for stuck.
 class Printer : public utl::ThreadMsgListener {
   public:
+    explicit Printer(const char* name = "") : mName(name) {}
     void receiveMsg(int, utl::ThreadRawMsg& raw) override {
         int id = 0;
         raw.getMsgId(&id);
         if (id == Greeting::ID) {
             Greeting greeting;
             greeting.restoreFrom(raw);
-            std::printf("  received \"%s\"\n", greeting.mText);
+            std::printf("  %sreceived \"%s\"\n", mName, greeting.mText);
         } else if (id == utl::TimerMsg::ID) {
             utl::TimerMsg timer;
             timer.restoreFrom(raw);
-            std::printf("  timer %d expired\n", timer.getTimerId());
+            std::printf("  %stimer %d expired\n", mName, timer.getTimerId());
             timerFired.setOn();
         } else if (id == 2) {
             std::printf("  busy for a second...\n");
@@ -103,6 +106,9 @@ class Printer : public utl::ThreadMsgListener {
         }
     }
     utl::Event timerFired{0, utl::Event::ONE_WAY};
+
+  private:
+    const char* mName;
 };
 
 // Reports the timeouts of the watched thread.
@@ -136,6 +142,74 @@ void showMessageThread() {
     thread.stop(1, 5000);
 }
 
+void showSharedThread() {
+    std::printf("-- MsgDrivenSharedThread: one loop, two listeners\n");
+    Printer display("display: ");
+    Printer audio("audio: ");
+    utl::MsgDrivenSharedThread shared(64, 8, 2, "shared", 2);
+    shared.attachMsgListener(&display);
+    shared.attachMsgListener(&audio);
+    shared.start(0, 0, nullptr, 1, 0);
+    shared.sendMsgSync(Greeting("to everyone"));
+    shared.sendMsgSync(&display, Greeting("to display alone"));
+    shared.setTimer(&audio, 50, 0, 1, 0);  // once, to audio alone
+    audio.timerFired.waitToOn(5000);
+    shared.stop(1, 5000);
+}
+
+// Counts the expiries of a Timer.
+class Ticker : public utl::TimerListener {
+  public:
+    void onTime(int) override {
+        std::printf("  tick %d\n", ++mTicks);
+        if (mTicks == 3) {
+            done.setOn();
+        }
+    }
+    utl::Event done{0, utl::Event::ONE_WAY};
+
+  private:
+    int mTicks = 0;  // Timer thread only.
+};
+
+void showTimer() {
+    std::printf("-- Timer: three expiries 20 ms apart, in the timer's own thread\n");
+    Ticker ticker;
+    utl::Timer timer(&ticker, 20, 0, 0, nullptr, 3, 0, "tour timer");
+    timer.start(0);
+    ticker.done.waitToOn(5000);
+    std::printf("  running after its count: %s\n", timer.isRunning() ? "yes" : "no");
+}
+
+void showHttpDate() {
+    std::printf("-- Time: an HTTP date written and read back\n");
+    const utl::Time launch(1969, 7, 20, 20, 17, 40, 0, 0, 0);
+    char text[40];
+    launch.getHttpDate(text, sizeof text);
+    utl::Time parsed;
+    const bool read = parsed.setHttpDate(text);
+    std::printf("  %s -> %s, %s\n", text, read ? "read back" : "not read",
+                parsed == launch ? "the same time" : "a different time");
+    utl::Time now;
+    if (utl::getSystemTime(&now)) {
+        std::printf("  days since then: %u\n", now.getElapsedDays(launch));
+    }
+}
+
+void showMemoryPool() {
+    std::printf(
+        "-- MemoryPool: two blocks of 32 bytes, a third refused, a block given back twice\n");
+    utl::MemoryPool pool(32, 2, "tour pool");
+    void* first = pool.create();
+    void* second = pool.create();
+    std::printf("  first %s, second %s, third %s\n", first ? "taken" : "null",
+                second ? "taken" : "null", pool.create() ? "taken" : "null (all in use)");
+    pool.release(first);
+    pool.release(first);  // logged: the block is not in use
+    std::fflush(stdout);
+    pool.release(second);
+}
+
 }  // namespace
 
 int main() {
@@ -145,5 +219,9 @@ int main() {
     showLogging();
     showTimedEvent();
     showMessageThread();
+    showSharedThread();
+    showTimer();
+    showHttpDate();
+    showMemoryPool();
     return 0;
 }

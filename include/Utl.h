@@ -8,14 +8,18 @@
 #include "UtlCharConvert.h"
 #include "UtlLog.h"
 #include "UtlMemory.h"
+#include "UtlMemoryPool.h"
 #include "UtlMsg.h"
+#include "UtlMsgDrivenSharedThread.h"
 #include "UtlMsgDrivenThread.h"
 #include "UtlQueue.h"
+#include "UtlSharedTimer.h"
 #include "UtlSmartPointer.h"
 #include "UtlString.h"
 #include "UtlSync.h"
 #include "UtlThreadManager.h"
 #include "UtlThreadWatchdog.h"
 #include "UtlTimeCounter.h"
+#include "UtlTimepiece.h"
 
 #endif  // UTL_H

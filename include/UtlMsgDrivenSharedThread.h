@@ -179,7 +179,7 @@ class MsgDrivenSharedThread : public MsgDrivenThread, public ThreadMsgListener {
     static constexpr int32_t NO_BROADCAST = static_cast<int32_t>(0x80000000);
 
     bool isCallerLoop() const;
-    unsigned int innerSize() const { return mPostMsg.mRawMsg.maxSize(); }
+    unsigned int innerSize() const { return mReceiveMsg.mRawMsg.maxSize(); }
     // The owner of `timerId` (null for a broadcast timer); false when the timer is unknown.
     bool findTimerOwner(int timerId, ThreadMsgListener** owner) const;
     bool enterTimerOwner(int timerId, ThreadMsgListener* listener);
@@ -187,10 +187,20 @@ class MsgDrivenSharedThread : public MsgDrivenThread, public ThreadMsgListener {
     // Takes the last timer `listener` owns out of the owner map; -1 when there is none.
     int takeTimerOwnedBy(ThreadMsgListener* listener);
 
-    // Stores `msg` and `listener` into `wrapper`; false when it does not fit.
-    static bool wrap(SpecifiedMsgListenerMsg& wrapper, ThreadMsgListener* listener, const Msg& msg);
+    // One kind of addressed sending: its wrapper, the lock that guards it, and the loop's
+    // operation that sends it.
+    struct AddressedKind {
+        using Send = bool (MsgDrivenThread::*)(const Msg&);
+        AddressedKind(unsigned int innerSize, Send send) : mWrapper(innerSize), mSend(send) {}
+        SpecifiedMsgListenerMsg mWrapper;  // Guarded by mLock.
+        SyncObject mLock;
+        Send mSend;
+    };
+
+    // Sends `msg` to `listener` alone through `kind`; false for a null listener, a message that
+    // does not fit, or a failed send.
+    bool sendAddressed(AddressedKind& kind, ThreadMsgListener* listener, const Msg& msg);
     bool changeListeners(int msgId, ThreadMsgListener* listener);
-    int firstMsgId(MsgJudgementInterface* judgement);
 
     // Loop thread only.
     void onTimer(int threadId, ThreadRawMsg& msg);
@@ -205,16 +215,13 @@ class MsgDrivenSharedThread : public MsgDrivenThread, public ThreadMsgListener {
 
     Array<ThreadMsgListener*> mListeners;  // Loop thread only, once started.
     bool mAttachResult;
-    int32_t mForwardIndex;                      // Loop thread only.
-    SpecifiedMsgListenerMsg mPostMsg;           // Guarded by mPostLock.
-    SpecifiedMsgListenerMsg mSyncMsg;           // Guarded by mSyncLock.
-    SpecifiedMsgListenerMsg mInterruptMsg;      // Guarded by mInterruptLock.
+    int32_t mForwardIndex;  // Loop thread only.
+    AddressedKind mPost;
+    AddressedKind mSync;
+    AddressedKind mInterrupt;
     SpecifiedMsgListenerMsg mReceiveMsg;        // Loop thread only.
     Map<int, ThreadMsgListener*> mTimerOwners;  // Guarded by mTimerOwnerLock.
     SyncObject mAttachLock;
-    SyncObject mPostLock;
-    SyncObject mSyncLock;
-    SyncObject mInterruptLock;
     mutable SyncObject mTimerOwnerLock;
 };
 

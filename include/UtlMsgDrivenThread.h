@@ -65,6 +65,7 @@ struct TimerInfo {
     int32_t mRunOn;                            // Non-zero: the POSIX timer keeps running.
     CountingPointer<Event> mRunning;           // On while the timer runs.
     uint32_t mPending;                         // Expiries queued and not yet delivered.
+    uint8_t mIntervalChanged;                  // Shared timer: re-arm at the next expiry.
 };
 
 // A thread that runs a message loop.
@@ -303,7 +304,6 @@ class MsgDrivenThread : public Thread {
     int TimeoutPostHandling(int timerId);
     void updateNextUserTimerIdValue();
     int getNextSysTimerNumber();
-    bool isSysTimerNumberHeld(int32_t number) const;
     bool removeTimer(int timerId);
     void releaseAllTimers();
 

@@ -57,9 +57,9 @@ MsgDrivenSharedThread::MsgDrivenSharedThread(unsigned int maxMsgSize, unsigned i
                  0),
       mAttachResult(false),
       mForwardIndex(NO_BROADCAST),
-      mPostMsg(maxMsgSize + kIdSize),
-      mSyncMsg(maxMsgSize + kIdSize),
-      mInterruptMsg(maxMsgSize + kIdSize),
+      mPost(maxMsgSize + kIdSize, &MsgDrivenThread::postMsg),
+      mSync(maxMsgSize + kIdSize, &MsgDrivenThread::sendMsgSync),
+      mInterrupt(maxMsgSize + kIdSize, &MsgDrivenThread::sendMsgInterrupt),
       mReceiveMsg(maxMsgSize + kIdSize),
       mTimerOwners(maxTimerCount, 0) {}
 
@@ -88,18 +88,20 @@ bool MsgDrivenSharedThread::isCallerLoop() const {
 
 // ---- Addressed sending
 
-bool MsgDrivenSharedThread::wrap(SpecifiedMsgListenerMsg& wrapper, ThreadMsgListener* listener,
-                                 const Msg& msg) {
-    wrapper.mListener = listener;
-    return msg.storeTo(&wrapper.mRawMsg);
-}
-
-bool MsgDrivenSharedThread::postMsg(ThreadMsgListener* listener, const Msg& msg) {
+// Under the lock of its kind, the message goes into that kind's wrapper, which is then sent by
+// the loop's own operation of the same kind.
+bool MsgDrivenSharedThread::sendAddressed(AddressedKind& kind, ThreadMsgListener* listener,
+                                          const Msg& msg) {
     if (listener == nullptr) {
         return false;
     }
-    SyncGuard guard(mPostLock);
-    return wrap(mPostMsg, listener, msg) && MsgDrivenThread::postMsg(mPostMsg);
+    SyncGuard guard(kind.mLock);
+    kind.mWrapper.mListener = listener;
+    return msg.storeTo(&kind.mWrapper.mRawMsg) && (this->*kind.mSend)(kind.mWrapper);
+}
+
+bool MsgDrivenSharedThread::postMsg(ThreadMsgListener* listener, const Msg& msg) {
+    return sendAddressed(mPost, listener, msg);
 }
 
 bool MsgDrivenSharedThread::postMsg(ThreadMsgListener* listener, int msgId) {
@@ -107,11 +109,7 @@ bool MsgDrivenSharedThread::postMsg(ThreadMsgListener* listener, int msgId) {
 }
 
 bool MsgDrivenSharedThread::sendMsgSync(ThreadMsgListener* listener, const Msg& msg) {
-    if (listener == nullptr) {
-        return false;
-    }
-    SyncGuard guard(mSyncLock);
-    return wrap(mSyncMsg, listener, msg) && MsgDrivenThread::sendMsgSync(mSyncMsg);
+    return sendAddressed(mSync, listener, msg);
 }
 
 bool MsgDrivenSharedThread::sendMsgSync(ThreadMsgListener* listener, int msgId) {
@@ -119,11 +117,7 @@ bool MsgDrivenSharedThread::sendMsgSync(ThreadMsgListener* listener, int msgId) 
 }
 
 bool MsgDrivenSharedThread::sendMsgInterrupt(ThreadMsgListener* listener, const Msg& msg) {
-    if (listener == nullptr) {
-        return false;
-    }
-    SyncGuard guard(mInterruptLock);
-    return wrap(mInterruptMsg, listener, msg) && MsgDrivenThread::sendMsgInterrupt(mInterruptMsg);
+    return sendAddressed(mInterrupt, listener, msg);
 }
 
 bool MsgDrivenSharedThread::sendMsgInterrupt(ThreadMsgListener* listener, int msgId) {

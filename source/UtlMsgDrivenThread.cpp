@@ -14,159 +14,6 @@
 
 namespace utl {
 
-// ---- Timer signals
-
-namespace detail {
-
-namespace {
-
-constexpr int32_t kTimerSignalToken = static_cast<int32_t>(0x80000013);
-constexpr unsigned int kMaxTimerSignals = 2;
-
-// The timer signals of the process, registered by their constructors during static
-// initialisation and read by the handler.
-TimerSignal* gTimerSignals[kMaxTimerSignals] = {};
-
-struct RecordPool {
-    SyncObject mLock;
-    TimerSignalRecord* mFree = nullptr;  // Guarded by mLock.
-};
-
-RecordPool& recordPool() {
-    return immortalInstance<RecordPool>();
-}
-
-}  // namespace
-
-TimerSignal::TimerSignal(int offsetFromRtMin)
-    : mSignal(SIGRTMIN + offsetFromRtMin),
-      mInstalled(false),
-      mFailures(0),
-      mReported(0),
-      mFailedResult(0),
-      mFailedErrno(0),
-      mFailedNumber(0),
-      mFailedFd(-1) {
-    for (TimerSignal*& slot : gTimerSignals) {
-        if (slot == nullptr) {
-            slot = this;
-            break;
-        }
-    }
-}
-
-bool TimerSignal::install() {
-    SyncGuard guard(mInstallLock);
-    if (mInstalled) {
-        return true;
-    }
-    struct sigaction action = {};
-    action.sa_sigaction = handle;
-    action.sa_flags = SA_SIGINFO | SA_RESTART;
-    sigemptyset(&action.sa_mask);
-    mInstalled = sigaction(mSignal, &action, nullptr) == 0;
-    return mInstalled;
-}
-
-bool TimerSignal::takeWriteFailure(WriteFailure* out) {
-    uint32_t reported = mReported.load(std::memory_order_relaxed);
-    const uint32_t failures = mFailures.load(std::memory_order_acquire);
-    if (failures == reported ||
-        !mReported.compare_exchange_strong(reported, failures, std::memory_order_relaxed)) {
-        return false;
-    }
-    out->mResult = mFailedResult.load(std::memory_order_relaxed);
-    out->mErrno = mFailedErrno.load(std::memory_order_relaxed);
-    out->mNumber = mFailedNumber.load(std::memory_order_relaxed);
-    out->mFd = mFailedFd.load(std::memory_order_relaxed);
-    return true;
-}
-
-bool TimerSignal::createTimer(TimerSignalRecord* record, timer_t* timer) const {
-    sigevent event = {};
-    event.sigev_notify = SIGEV_SIGNAL;
-    event.sigev_signo = mSignal;
-    event.sigev_value.sival_ptr = record;
-    return timer_create(CLOCK_MONOTONIC, &event, timer) == 0;
-}
-
-// static
-bool TimerSignal::armTimer(timer_t timer, int32_t intervalMsec) {
-    const timespec period = {static_cast<time_t>(intervalMsec / 1000),
-                             static_cast<long>(intervalMsec % 1000) * 1000000L};
-    const itimerspec timing = {period, period};
-    return timer_settime(timer, 0, &timing, nullptr) == 0;
-}
-
-// static
-TimerSignalRecord* TimerSignal::acquireRecord() {
-    RecordPool& pool = recordPool();
-    {
-        SyncGuard guard(pool.mLock);
-        if (TimerSignalRecord* record = pool.mFree) {
-            pool.mFree = record->mNextFree;
-            record->mNextFree = nullptr;
-            return record;
-        }
-    }
-    return new (std::nothrow) TimerSignalRecord;
-}
-
-// static
-void TimerSignal::releaseRecord(TimerSignalRecord* record) {
-    if (record == nullptr) {
-        return;
-    }
-    record->mFd.store(-1);
-    record->mNumber.store(0);
-    RecordPool& pool = recordPool();
-    SyncGuard guard(pool.mLock);
-    record->mNextFree = pool.mFree;
-    pool.mFree = record;
-}
-
-// static
-void TimerSignal::handle(int signal, siginfo_t* info, void*) {
-    const int savedErrno = errno;
-    const TimerSignalRecord* record = static_cast<TimerSignalRecord*>(info->si_value.sival_ptr);
-    if (record != nullptr) {
-        const int32_t fd = record->mFd.load(std::memory_order_relaxed);
-        const int32_t token[2] = {kTimerSignalToken, record->mNumber.load()};
-        const ssize_t written = fd >= 0 ? write(fd, token, sizeof token) : 0;
-        if (fd >= 0 && written != static_cast<ssize_t>(sizeof token)) {
-            for (TimerSignal* timerSignal : gTimerSignals) {
-                if (timerSignal != nullptr && timerSignal->mSignal == signal) {
-                    timerSignal->mFailedResult.store(static_cast<int32_t>(written));
-                    timerSignal->mFailedErrno.store(errno);
-                    timerSignal->mFailedNumber.store(token[1]);
-                    timerSignal->mFailedFd.store(fd);
-                    timerSignal->mFailures.fetch_add(1, std::memory_order_release);
-                }
-            }
-        }
-    }
-    errno = savedErrno;
-}
-
-namespace {
-
-// Never destroyed: timers of threads still running at exit may fire until the very end.
-struct LoopTimerSignal : TimerSignal {
-    LoopTimerSignal() : TimerSignal(2) {}
-};
-
-}  // namespace
-
-TimerSignal& loopTimerSignal() {
-    return immortalInstance<LoopTimerSignal>();
-}
-
-namespace {
-[[maybe_unused]] const TimerSignal& kLoopTimerSignalAtLoad = loopTimerSignal();
-}  // namespace
-
-}  // namespace detail
-
 // ---- Message loop
 
 namespace {
@@ -235,7 +82,8 @@ TimerInfo::TimerInfo()
       mExpiryCount(0),
       mRunOn(0),
       mRunning(),
-      mPending(0) {}
+      mPending(0),
+      mIntervalChanged(0) {}
 
 MsgDrivenThread::MsgDrivenThread(unsigned int maxMsgSize, unsigned int maxMsgCount,
                                  const char* name, unsigned int maxTimerCount)
@@ -1134,16 +982,8 @@ TimerInfo* MsgDrivenThread::findTimerStopEntry(int timerId) {
 }
 
 int MsgDrivenThread::toUserTimerId(int sysTimerNumber) {
-    if (sysTimerNumber == -1) {
-        return -1;
-    }
     SyncGuard guard(mQueueLock);
-    for (unsigned int i = 0; i < mTimers.getCount(); ++i) {
-        if (mTimers.getAt(i).mValue.mSysTimerNumber == sysTimerNumber) {
-            return mTimers.getAt(i).mKey;
-        }
-    }
-    return -1;
+    return detail::userTimerIdOf(mTimers, sysTimerNumber);
 }
 
 int MsgDrivenThread::registerTimer(unsigned int interval, unsigned int countLimit, int runOn) {
@@ -1323,30 +1163,22 @@ void MsgDrivenThread::releaseAllTimers() {
 }
 
 bool MsgDrivenThread::startTimerByTimerInfo(TimerInfo* info) {
-    detail::TimerSignal& signal = detail::loopTimerSignal();
     const int32_t number = getNextSysTimerNumber();
-    info->mSignalRecord->mFd.store(mWriteFd);
-    info->mSignalRecord->mNumber.store(number);
-    if (!signal.createTimer(info->mSignalRecord, &info->mTimer)) {
-        mLoopLog.add(detail::LEVEL_ERROR,
-                     "MsgDrivenThread(%s) timer_create SysTimerId:0x%08x errno:%d\n", getName(),
-                     static_cast<unsigned int>(number), errno);
-        info->mSignalRecord->mFd.store(-1);
-        info->mSignalRecord->mNumber.store(0);
-        return false;
+    switch (detail::loopTimerSignal().arm(info, mWriteFd, number)) {
+        case detail::TimerSignal::ARMED:
+            return true;
+        case detail::TimerSignal::CREATE_FAILED:
+            mLoopLog.add(detail::LEVEL_ERROR,
+                         "MsgDrivenThread(%s) timer_create SysTimerId:0x%08x errno:%d\n", getName(),
+                         static_cast<unsigned int>(number), errno);
+            return false;
+        case detail::TimerSignal::SETTIME_FAILED:
+            mLoopLog.add(detail::LEVEL_ERROR,
+                         "MsgDrivenThread(%s) timer_settime SysTimerId:0x%08x errno:%d\n",
+                         getName(), static_cast<unsigned int>(number), errno);
+            return false;
     }
-    info->mSysTimerNumber = number;
-    if (!detail::TimerSignal::armTimer(info->mTimer, info->mInterval)) {
-        mLoopLog.add(detail::LEVEL_ERROR,
-                     "MsgDrivenThread(%s) timer_settime SysTimerId:0x%08x errno:%d\n", getName(),
-                     static_cast<unsigned int>(number), errno);
-        timer_delete(info->mTimer);
-        info->mSignalRecord->mFd.store(-1);
-        info->mSignalRecord->mNumber.store(0);
-        info->mSysTimerNumber = -1;
-        return false;
-    }
-    return true;
+    return false;
 }
 
 // Deletes the POSIX timer and takes the timer's queued expiries out of the control queue.
@@ -1358,13 +1190,11 @@ bool MsgDrivenThread::eraseTimerByTimerInfo(TimerInfo* info, int timerId,
     if (info->mSysTimerNumber == -1) {
         return true;
     }
-    if (timer_delete(info->mTimer) != 0) {
+    if (!detail::TimerSignal::disarm(info)) {
         log.add(detail::LEVEL_ERROR, "MsgDrivenThread(%s) timer_delete SysTimerNum:0x%08x errno:%d",
                 getName(), static_cast<unsigned int>(info->mSysTimerNumber), errno);
         return false;
     }
-    info->mSignalRecord->mFd.store(-1);
-    info->mSignalRecord->mNumber.store(0);
     for (unsigned int i = 0; i < mCtlQueue.getCount();) {
         const ThreadCtlMsg& entry = mCtlQueue.at(i);
         if (entry.mMsgId == MSG_ID_TIMEOUT && entry.mParam == timerId) {
@@ -1373,9 +1203,6 @@ bool MsgDrivenThread::eraseTimerByTimerInfo(TimerInfo* info, int timerId,
             ++i;
         }
     }
-    info->mTimer = timer_t();
-    info->mPending = 0;
-    info->mSysTimerNumber = -1;
     return true;
 }
 
@@ -1479,36 +1306,13 @@ int MsgDrivenThread::executeStopTimer(int timerId, detail::DeferredLog& log) {
 }
 
 void MsgDrivenThread::updateNextUserTimerIdValue() {
-    int32_t next = mNextUserTimerId;
-    do {
-        next = next == INT32_MAX ? 1 : next + 1;
-    } while (mTimers.find(next) != nullptr || mStopEntries.find(next) != nullptr);
-    mNextUserTimerId = next;
-}
-
-bool MsgDrivenThread::isSysTimerNumberHeld(int32_t number) const {
-    for (const Map<int, TimerInfo>* map : {&mTimers, &mStopEntries}) {
-        for (unsigned int i = 0; i < map->getCount(); ++i) {
-            if (map->getAt(i).mValue.mSysTimerNumber == number) {
-                return true;
-            }
-        }
-    }
-    return false;
+    mNextUserTimerId = detail::nextUserTimerId(mNextUserTimerId, {&mTimers, &mStopEntries});
 }
 
 int MsgDrivenThread::getNextSysTimerNumber() {
-    const int32_t last = mNextSysTimerNumber;
-    if (last == INT32_MAX - 1) {
-        mNextSysTimerNumber = INT32_MAX;
-        return mNextSysTimerNumber;
-    }
-    int32_t next = last == INT32_MAX ? 1 : last + 1;
-    while (next < INT32_MAX && isSysTimerNumberHeld(next)) {
-        ++next;
-    }
-    mNextSysTimerNumber = next;
-    return next;
+    mNextSysTimerNumber =
+        detail::nextSysTimerNumber(mNextSysTimerNumber, {&mTimers, &mStopEntries});
+    return mNextSysTimerNumber;
 }
 
 }  // namespace utl

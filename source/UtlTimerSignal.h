@@ -1,5 +1,6 @@
-// The real-time signals that carry POSIX timer expiries into the pipes of the library's loops
-// (not installed). Shared by the message thread's timers and the shared timer thread.
+// The real-time signals that carry POSIX timer expiries into the pipes of the library's loops,
+// and the timer bookkeeping that the message thread and the shared timer thread share (not
+// installed).
 #ifndef UTL_TIMER_SIGNAL_H
 #define UTL_TIMER_SIGNAL_H
 
@@ -8,7 +9,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <initializer_list>
 
+#include "UtlArray.h"
+#include "UtlMsgDrivenThread.h"
 #include "UtlSync.h"
 
 namespace utl {
@@ -45,10 +49,13 @@ class TimerSignal {
     TimerSignal(const TimerSignal&) = delete;
     TimerSignal& operator=(const TimerSignal&) = delete;
 
+    // How arming a timer ended; on a failure errno is that of the failed call.
+    enum ArmResult { ARMED, CREATE_FAILED, SETTIME_FAILED };
+
     int number() const { return mSignal; }
     // Installs the handler unless it is installed; false with errno set when sigaction fails
-    // (the next call tries again).
-    bool install();
+    // (the next call tries again). `installedNow`, when given, tells whether this call did it.
+    bool install(bool* installedNow = nullptr);
     // The latest failed write not yet reported; false when there is none. Each failure is
     // handed to one caller; when several happen between two calls, the latest is reported.
     bool takeWriteFailure(WriteFailure* out);
@@ -58,6 +65,15 @@ class TimerSignal {
     bool createTimer(TimerSignalRecord* record, timer_t* timer) const;
     // Arms `timer` relative to now with first expiry and period `intervalMsec`.
     static bool armTimer(timer_t timer, int32_t intervalMsec);
+
+    // Creates and arms the POSIX timer of `info` with its interval, its expiries carried as
+    // {`fd`, `number`} by its signal record; `number` becomes its system timer number. On a
+    // failure nothing stays created and the record carries nothing.
+    ArmResult arm(TimerInfo* info, int fd, int32_t number) const;
+    // Deletes the POSIX timer of `info`, empties its signal record and clears handle, system
+    // timer number (-1) and pending count. True at once when it is not armed; false with errno
+    // set, and nothing changed, when timer_delete fails.
+    static bool disarm(TimerInfo* info);
 
     static TimerSignalRecord* acquireRecord();
     static void releaseRecord(TimerSignalRecord* record);
@@ -76,8 +92,24 @@ class TimerSignal {
     std::atomic<int32_t> mFailedFd;
 };
 
+// SIGRTMIN + 1: the timers of shared timer threads.
+TimerSignal& sharedTimerSignal();
 // SIGRTMIN + 2: the timers of message threads.
 TimerSignal& loopTimerSignal();
+
+// Timer bookkeeping of a thread, under the lock that guards its timer maps. Ids and numbers in
+// use are those of every map given.
+using TimerMaps = std::initializer_list<const Map<int, TimerInfo>*>;
+
+// The user timer id after `id`: ids run 1 ... INT32_MAX round-robin, wrapping to 1, skipping
+// every id held in `maps`.
+int32_t nextUserTimerId(int32_t id, TimerMaps maps);
+// The system timer number after `last`: from INT32_MAX again 1, skipping numbers held in `maps`
+// but never beyond INT32_MAX; from INT32_MAX - 1 it is INT32_MAX at once.
+int32_t nextSysTimerNumber(int32_t last, TimerMaps maps);
+// The user id of the timer in `timers` whose current arming is `sysTimerNumber`; -1 when none
+// (and for -1).
+int userTimerIdOf(const Map<int, TimerInfo>& timers, int32_t sysTimerNumber);
 
 }  // namespace detail
 }  // namespace utl
