@@ -178,7 +178,11 @@ void showTimer() {
     utl::Timer timer(&ticker, 20, 0, 0, nullptr, 3, 0, "tour timer");
     timer.start(0);
     ticker.done.waitToOn(5000);
-    std::printf("  running after its count: %s\n", timer.isRunning() ? "yes" : "no");
+    // The count limit stops the timer once the third onTime has returned.
+    for (int waited = 0; waited < 100 && timer.isRunning(); ++waited) {
+        utl::Thread::sleep(10);
+    }
+    std::printf("  %s\n", timer.isRunning() ? "still running" : "stopped by its count limit");
 }
 
 void showHttpDate() {
