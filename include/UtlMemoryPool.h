@@ -24,10 +24,12 @@ namespace utl {
 // A pool of `blockCount` blocks of `blockSize` bytes each, in one region.
 //
 // `create` and `release` may be called from any thread, concurrently, and never wait for each
-// other: each flag of the table of blocks in use changes by one atomic exchange (free to in use
-// by `create`, back by `release`), so a block never has two holders and no lock is needed; both
-// still report to the thread watchdog around that step. The pool must outlive every call on it:
-// destruction is for the one remaining user. Not copyable.
+// other: `create` claims a block by one atomic compare-and-exchange of its flag (free to in use),
+// so a block never has two holders, and `release`, made by the block's one holder, stores the
+// flag back; no lock is needed. Both still report to the thread watchdog around that step. Two
+// threads releasing the same block at the same moment (a double release made concurrently) may
+// both pass unreported. The pool must outlive every call on it: destruction is for the one
+// remaining user. Not copyable.
 //
 // Every message is logged as one error line under the library's log type and quotes the pool's
 // name (the empty text for a null name) in parentheses:
