@@ -83,7 +83,8 @@ class MsgDrivenSharedThread : public MsgDrivenThread, public ThreadMsgListener {
     };
 
     // Matches what reaches `listener` alone and `Judge` accepts: an expiry of a timer the
-    // listener owns, or a message addressed to it (judged by its inner message).
+    // listener owns, or a message addressed to it (judged by its inner message). A null listener
+    // matches nothing.
     template <class Judge>
     class JudgeMsgSpecifiedListener {
       public:
@@ -253,7 +254,7 @@ bool MsgDrivenSharedThread::JudgeMsgBroadcast<Judge>::judge(ThreadRawMsg& msg) {
 template <class Judge>
 bool MsgDrivenSharedThread::JudgeMsgSpecifiedListener<Judge>::judge(ThreadRawMsg& msg) {
     int msgId = MSG_ID_NONE;
-    if (!msg.getMsgId(&msgId)) {
+    if (mListener == nullptr || !msg.getMsgId(&msgId)) {
         return false;
     }
     if (msgId == TimerMsg::ID) {
