@@ -34,7 +34,45 @@
 namespace utl {
 
 namespace detail {
+
 struct TimerSignalRecord;
+
+// The read end of a loop's pipe, used by the loop thread alone. One read takes every token the
+// pipe holds, up to TOKEN_BATCH: each write is one whole 8-byte token {id, parameter} (below
+// PIPE_BUF, so never split), so a read returns whole tokens, and a read that leaves room in the
+// buffer has emptied the pipe. The tokens are then handed out one by one in the order read.
+//
+// A thread idle in its read is taken out of watching meanwhile, so that the watchdog never takes
+// it for hung; whether it is registered is looked up again after each read, and the bracket
+// before the next read uses that answer.
+class LoopPipeReader {
+  public:
+    static constexpr unsigned int TOKEN_BATCH = 64;
+
+    // `kind` names the loop in the lines of a failed read ("MsgDrivenThread"), `source` the
+    // source file in its liveness reports.
+    LoopPipeReader(const char* kind, const char* source);
+
+    // The next token of the pipe `fd` of thread `threadId` named `threadName`, reading when none
+    // is left; `pipeEmpty`, when given, tells whether the pipe held no more at the last read and
+    // none is left. A read interrupted by a signal is logged (information) and made again; any
+    // other failed read is logged (error) and gives false.
+    bool next(int fd, int threadId, const char* threadName, int32_t* id, int32_t* param,
+              bool* pipeEmpty = nullptr);
+    // Reports the loop thread alive at (source, "execute", line, sub) while it is watched.
+    void keepAlive(unsigned int line, unsigned int sub) const;
+
+  private:
+    bool fill(int fd, int threadId, const char* threadName);
+
+    const char* mKind;
+    const char* mSource;
+    bool mWatched;  // Registered with the watchdog at the last read.
+    int32_t mTokens[2 * TOKEN_BATCH];
+    uint32_t mNext;  // The next token to hand out.
+    uint32_t mEnd;   // The tokens of the last read.
+};
+
 }  // namespace detail
 
 // The receiver of a message thread's messages.
@@ -272,8 +310,6 @@ class MsgDrivenThread : public Thread {
     void handOver(bool erase, MsgJudgementInterface* judgement, ThreadRawMsg* out);
 
     // The loop (loop thread only).
-    bool readToken(ThreadCtlMsg* token);
-    void keepAliveInLoop(unsigned int line, unsigned int sub);
     void reportSignalWriteFailure();
     bool peekFront(ThreadCtlMsg* front);
     bool selectFront(const ThreadCtlMsg& token, ThreadCtlMsg* front);
@@ -338,13 +374,8 @@ class MsgDrivenThread : public Thread {
     int mReadFd;
     int mWriteFd;
     std::atomic<int> mLoopState;
-    bool mClosed;   // Guarded by mQueueLock: the loop has ended and released its waiters.
-    bool mWatched;  // Loop thread only: registered with the watchdog at the last read.
-    // Loop thread only: the tokens of the last read; mTokenNext is the next to handle.
-    static constexpr unsigned int TOKEN_BATCH = 64;
-    int32_t mTokens[2 * TOKEN_BATCH];
-    uint32_t mTokenNext;
-    uint32_t mTokenEnd;
+    bool mClosed;  // Guarded by mQueueLock: the loop has ended and released its waiters.
+    detail::LoopPipeReader mPipe;  // Loop thread only.
     // Interrupt, erase and find requests under way: while 0, the loop skips their events.
     std::atomic<int32_t> mRequestsPending;
     detail::DeferredLog mLoopLog;  // Loop thread only: lines decided under the queue lock.

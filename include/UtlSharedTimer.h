@@ -196,9 +196,6 @@ class SharedTimer : public Thread {
     bool forEachTimer(int noWait, bool (SharedTimer::*operation)(int, int));
 
     // The loop (timer thread only).
-    bool readToken(TimerCtlMsg* token, bool* pipeEmpty);
-    bool readTokens();
-    void keepAliveInLoop(unsigned int line, unsigned int sub);
     void reportSignalWriteFailure();
     void executeTimeoutSignal(int sysTimerNumber, bool takesSignalTurn);
     bool takeFront(TimerCtlMsg* front);
@@ -222,13 +219,8 @@ class SharedTimer : public Thread {
     uint64_t mTaken;
     uint64_t mAwaitedPosition;
     bool mAwaitedResult;
-    bool mClosed;   // Guarded by mTableLock: the loop has ended or never ran.
-    bool mWatched;  // Timer thread only: registered with the watchdog at the last read.
-    // Timer thread only: the tokens of the last read; mTokenNext is the next to handle.
-    static constexpr unsigned int TOKEN_BATCH = 64;
-    int32_t mTokens[2 * TOKEN_BATCH];
-    uint32_t mTokenNext;
-    uint32_t mTokenEnd;
+    bool mClosed;                  // Guarded by mTableLock: the loop has ended or never ran.
+    detail::LoopPipeReader mPipe;  // Timer thread only.
     // On while a caller waits for its message; the loop turns it off once it has handled it.
     Event mControlDone;
     SyncObject mControlLock;

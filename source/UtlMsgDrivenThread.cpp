@@ -118,10 +118,7 @@ MsgDrivenThread::MsgDrivenThread(unsigned int maxMsgSize, unsigned int maxMsgCou
       mWriteFd(-1),
       mLoopState(NOT_STARTED),
       mClosed(false),
-      mWatched(false),
-      mTokens(),
-      mTokenNext(0),
-      mTokenEnd(0),
+      mPipe("MsgDrivenThread", kSource),
       mRequestsPending(0) {
     int fds[2] = {-1, -1};
     if (pipe2(fds, O_CLOEXEC) != 0) {
@@ -711,13 +708,72 @@ bool MsgDrivenThread::eraseMsgFromCtlQueue(int msgId) {
     return false;
 }
 
+// ---- Reading a loop's pipe
+
+namespace detail {
+
+LoopPipeReader::LoopPipeReader(const char* kind, const char* source)
+    : mKind(kind), mSource(source), mWatched(false), mTokens(), mNext(0), mEnd(0) {}
+
+bool LoopPipeReader::next(int fd, int threadId, const char* threadName, int32_t* id, int32_t* param,
+                          bool* pipeEmpty) {
+    if (mNext == mEnd && !fill(fd, threadId, threadName)) {
+        return false;
+    }
+    *id = mTokens[2 * mNext];
+    *param = mTokens[2 * mNext + 1];
+    ++mNext;
+    if (pipeEmpty != nullptr) {
+        *pipeEmpty = mNext == mEnd && mEnd < TOKEN_BATCH;
+    }
+    return true;
+}
+
+void LoopPipeReader::keepAlive(unsigned int line, unsigned int sub) const {
+    if (mWatched) {
+        ThreadManager::get()->keepAliveWatchdog(StatementInfo(mSource, "execute", line, sub));
+    }
+}
+
+bool LoopPipeReader::fill(int fd, int threadId, const char* threadName) {
+    constexpr ssize_t kTokenSize = 2 * sizeof(int32_t);
+    ThreadManager* manager = ThreadManager::get();
+    for (;;) {
+        keepAlive(__LINE__, 1);
+        if (mWatched) {
+            manager->stopWatchdog(threadId);
+        }
+        const ssize_t got = read(fd, mTokens, sizeof mTokens);
+        const int readErrno = errno;
+        mWatched = manager->isRegisteredWatchdog(threadId);
+        if (mWatched) {
+            manager->startWatchdog(threadId);
+        }
+        keepAlive(__LINE__, 2);
+        if (got > 0 && got % kTokenSize == 0) {
+            mNext = 0;
+            mEnd = static_cast<uint32_t>(got / kTokenSize);
+            return true;
+        }
+        if (got >= 0 || readErrno != EINTR) {
+            UTL_LOG(LEVEL_ERROR, "%s(%s) Error. read Ret:%u errno:%d !!Break msg loop!!", mKind,
+                    threadName, static_cast<unsigned int>(got), readErrno);
+            return false;
+        }
+        UTL_LOG(LEVEL_INFO, "%s(%s) Error. read Ret:%u errno:%d=EINTR Retry read", mKind,
+                threadName, static_cast<unsigned int>(got), readErrno);
+    }
+}
+
+}  // namespace detail
+
 // ---- The loop
 
 unsigned int MsgDrivenThread::execute() {
     int loopResult = 0;
     for (;;) {
         ThreadCtlMsg token;
-        if (!readToken(&token)) {
+        if (!mPipe.next(mReadFd, getId(), getName(), &token.mMsgId, &token.mParam)) {
             loopResult = -1;
             break;
         }
@@ -735,7 +791,7 @@ unsigned int MsgDrivenThread::execute() {
         }
         const int result = dispatch(front);
         mLoopLog.flush();
-        keepAliveInLoop(__LINE__, 2);
+        mPipe.keepAlive(__LINE__, 2);
         if (result != 0) {
             UTL_LOG(LEVEL_ERROR, "!!!!!!!! MsgDrivenThread(%s) Error. MsgId:0x%08x !!!!!!!!",
                     getName(), static_cast<unsigned int>(front.mMsgId));
@@ -746,56 +802,6 @@ unsigned int MsgDrivenThread::execute() {
     }
     closeLoop();
     return static_cast<unsigned int>(loopResult);
-}
-
-void MsgDrivenThread::keepAliveInLoop(unsigned int line, unsigned int sub) {
-    if (mWatched) {
-        ThreadManager::get()->keepAliveWatchdog(StatementInfo(kSource, "execute", line, sub));
-    }
-}
-
-// A thread idle in its read is taken out of watching meanwhile, so that it is never taken for
-// hung. Registration is looked at again after the read: a thread registered while it waited
-// starts being watched from its first message on. One read takes every token the pipe holds, up
-// to the buffer: each write is one whole 8-byte token (below PIPE_BUF, so never split), hence the
-// pipe always holds whole tokens and a read returns whole tokens. They are handled one by one in
-// the order read.
-bool MsgDrivenThread::readToken(ThreadCtlMsg* token) {
-    if (mTokenNext < mTokenEnd) {
-        *token = ThreadCtlMsg(mTokens[2 * mTokenNext], mTokens[2 * mTokenNext + 1]);
-        ++mTokenNext;
-        return true;
-    }
-    // Whether the thread is watched is looked up once per read, after it: the bracket before the
-    // next read uses that answer.
-    ThreadManager* manager = ThreadManager::get();
-    for (;;) {
-        keepAliveInLoop(__LINE__, 1);
-        if (mWatched) {
-            manager->stopWatchdog(getId());
-        }
-        const ssize_t got = read(mReadFd, mTokens, sizeof mTokens);
-        const int readErrno = errno;
-        mWatched = manager->isRegisteredWatchdog(getId());
-        if (mWatched) {
-            manager->startWatchdog(getId());
-        }
-        keepAliveInLoop(__LINE__, 2);
-        if (got > 0 && got % static_cast<ssize_t>(2 * sizeof(int32_t)) == 0) {
-            mTokenEnd = static_cast<uint32_t>(got / static_cast<ssize_t>(2 * sizeof(int32_t)));
-            mTokenNext = 1;
-            *token = ThreadCtlMsg(mTokens[0], mTokens[1]);
-            return true;
-        }
-        if (got >= 0 || readErrno != EINTR) {
-            UTL_LOG(LEVEL_ERROR,
-                    "MsgDrivenThread(%s) Error. read Ret:%u errno:%d !!Break msg loop!!", getName(),
-                    static_cast<unsigned int>(got), readErrno);
-            return false;
-        }
-        UTL_LOG(LEVEL_INFO, "MsgDrivenThread(%s) Error. read Ret:%u errno:%d=EINTR Retry read",
-                getName(), static_cast<unsigned int>(got), readErrno);
-    }
 }
 
 void MsgDrivenThread::reportSignalWriteFailure() {

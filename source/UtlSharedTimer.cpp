@@ -70,10 +70,7 @@ SharedTimer::SharedTimer(int watchdog, unsigned int aliveTime,
       mAwaitedPosition(0),
       mAwaitedResult(false),
       mClosed(false),
-      mWatched(false),
-      mTokens(),
-      mTokenNext(0),
-      mTokenEnd(0),
+      mPipe("SharedTimerThread", kSource),
       mControlDone(0, Event::TWO_WAY) {
     int fds[2] = {-1, -1};
     if (pipe2(fds, O_CLOEXEC) != 0) {
@@ -409,7 +406,7 @@ unsigned int SharedTimer::execute() {
     for (;;) {
         TimerCtlMsg token;
         bool pipeEmpty = false;
-        if (!readToken(&token, &pipeEmpty)) {
+        if (!mPipe.next(mReadFd, getId(), getName(), &token.mMsgId, &token.mParam, &pipeEmpty)) {
             result = ~0u;
             break;
         }
@@ -449,59 +446,6 @@ void SharedTimer::onTime(int timerId) {
     }
     if (listener != nullptr) {
         listener->onTime(timerId);
-    }
-}
-
-void SharedTimer::keepAliveInLoop(unsigned int line, unsigned int sub) {
-    if (mWatched) {
-        ThreadManager::get()->keepAliveWatchdog(StatementInfo(kSource, "execute", line, sub));
-    }
-}
-
-// One read takes every token the pipe holds, up to the buffer: each write is one whole 8-byte
-// token (below PIPE_BUF, so never split), so a read returns whole tokens; a read that leaves room
-// in the buffer has emptied the pipe. A thread idle in its read is taken out of watching
-// meanwhile, so that it is never taken for hung; whether it is registered is looked up again
-// after each read.
-bool SharedTimer::readToken(TimerCtlMsg* token, bool* pipeEmpty) {
-    if (mTokenNext == mTokenEnd) {
-        if (!readTokens()) {
-            return false;
-        }
-    }
-    *token = TimerCtlMsg(mTokens[2 * mTokenNext], mTokens[2 * mTokenNext + 1]);
-    ++mTokenNext;
-    *pipeEmpty = mTokenNext == mTokenEnd && mTokenEnd < TOKEN_BATCH;
-    return true;
-}
-
-bool SharedTimer::readTokens() {
-    ThreadManager* manager = ThreadManager::get();
-    for (;;) {
-        keepAliveInLoop(__LINE__, 1);
-        if (mWatched) {
-            manager->stopWatchdog(getId());
-        }
-        const ssize_t got = read(mReadFd, mTokens, sizeof mTokens);
-        const int readErrno = errno;
-        mWatched = manager->isRegisteredWatchdog(getId());
-        if (mWatched) {
-            manager->startWatchdog(getId());
-        }
-        keepAliveInLoop(__LINE__, 2);
-        if (got > 0 && got % kTokenSize == 0) {
-            mTokenNext = 0;
-            mTokenEnd = static_cast<uint32_t>(got / kTokenSize);
-            return true;
-        }
-        if (got >= 0 || readErrno != EINTR) {
-            UTL_LOG(LEVEL_ERROR,
-                    "SharedTimerThread(%s) Error. read Ret:%u errno:%d !!Break msg loop!!",
-                    getName(), static_cast<unsigned int>(got), readErrno);
-            return false;
-        }
-        UTL_LOG(LEVEL_INFO, "SharedTimerThread(%s) Error. read Ret:%u errno:%d=EINTR Retry read",
-                getName(), static_cast<unsigned int>(got), readErrno);
     }
 }
 

@@ -110,7 +110,6 @@ int32_t nextSysTimerNumber(int32_t last, TimerMaps maps);
 // The user id of the timer in `timers` whose current arming is `sysTimerNumber`; -1 when none
 // (and for -1).
 int userTimerIdOf(const Map<int, TimerInfo>& timers, int32_t sysTimerNumber);
-
 }  // namespace detail
 }  // namespace utl
 
