@@ -268,4 +268,10 @@ inline void BM_PosixTimerLateness(benchmark::State& state) {
 
 }  // namespace utl_bench
 
+// Registers a timer lateness benchmark: one iteration of 3 s, both threads on one CPU
+// (placement cpus:1), reported in milliseconds of real time.
+#define UTL_LATENESS_BENCHMARK(function)                                              \
+    BENCHMARK(function)->ArgName("cpus")->Arg(1)->Iterations(1)->UseRealTime()->Unit( \
+        benchmark::kMillisecond)
+
 #endif  // UTL_BENCH_THREAD_BENCH_SUPPORT_H

@@ -483,15 +483,5 @@ BENCHMARK(BM_MsgDrivenThreadPost)->ArgName("cpus")->Arg(1)->Arg(2)->UseRealTime(
 BENCHMARK(BM_MsgDrivenSharedThreadBroadcast)->ArgName("cpus")->Arg(1)->Arg(2)->UseRealTime();
 BENCHMARK(BM_PipeRingPost)->ArgName("cpus")->Arg(1)->Arg(2)->UseRealTime();
 BENCHMARK(BM_StdDequePost)->ArgName("cpus")->Arg(1)->Arg(2)->UseRealTime();
-BENCHMARK(BM_MsgDrivenThreadTimerLateness)
-    ->ArgName("cpus")
-    ->Arg(1)
-    ->Iterations(1)
-    ->UseRealTime()
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_PosixTimerLateness)
-    ->ArgName("cpus")
-    ->Arg(1)
-    ->Iterations(1)
-    ->UseRealTime()
-    ->Unit(benchmark::kMillisecond);
+UTL_LATENESS_BENCHMARK(BM_MsgDrivenThreadTimerLateness);
+UTL_LATENESS_BENCHMARK(BM_PosixTimerLateness);

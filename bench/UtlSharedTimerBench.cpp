@@ -68,15 +68,5 @@ void BM_SharedTimerLateness(benchmark::State& state) {
 
 }  // namespace
 
-BENCHMARK(BM_SharedTimerLateness)
-    ->ArgName("cpus")
-    ->Arg(1)
-    ->Iterations(1)
-    ->UseRealTime()
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_PosixTimerLateness)
-    ->ArgName("cpus")
-    ->Arg(1)
-    ->Iterations(1)
-    ->UseRealTime()
-    ->Unit(benchmark::kMillisecond);
+UTL_LATENESS_BENCHMARK(BM_SharedTimerLateness);
+UTL_LATENESS_BENCHMARK(BM_PosixTimerLateness);

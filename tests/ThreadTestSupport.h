@@ -2,12 +2,17 @@
 #ifndef UTL_TESTS_THREAD_TEST_SUPPORT_H
 #define UTL_TESTS_THREAD_TEST_SUPPORT_H
 
+#include <dirent.h>
+#include <fcntl.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -32,6 +37,29 @@ inline bool waitUntil(const std::function<bool()>& done,
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
+}
+
+// The descriptors the process has open.
+inline std::set<int> openDescriptors() {
+    std::set<int> fds;
+    if (DIR* dir = opendir("/proc/self/fd")) {
+        while (const dirent* entry = readdir(dir)) {
+            fds.insert(std::atoi(entry->d_name));
+        }
+        closedir(dir);
+    }
+    return fds;
+}
+
+// The write end of the pipe that a loop or timer thread made in its constructor: the one new
+// write-only descriptor since `before`; -1 when there is none.
+inline int newPipeWriteEnd(const std::set<int>& before) {
+    for (int fd : openDescriptors()) {
+        if (before.count(fd) == 0 && (fcntl(fd, F_GETFL) & O_ACCMODE) == O_WRONLY) {
+            return fd;
+        }
+    }
+    return -1;
 }
 
 // A thread that runs one blocking call, and can tell when it has gone to sleep in it.

@@ -113,27 +113,6 @@ TEST(MsgDrivenThreadTest, InterruptOvertakesQueuedPosts) {
     EXPECT_TRUE(std::is_sorted(ids.begin() + 2, ids.end()));
 }
 
-std::set<int> openDescriptors() {
-    std::set<int> fds;
-    if (DIR* dir = opendir("/proc/self/fd")) {
-        while (const dirent* entry = readdir(dir)) {
-            fds.insert(std::atoi(entry->d_name));
-        }
-        closedir(dir);
-    }
-    return fds;
-}
-
-// The write end of the pipe that a loop made in its constructor: the new write-only descriptor.
-int newPipeWriteEnd(const std::set<int>& before) {
-    for (int fd : openDescriptors()) {
-        if (before.count(fd) == 0 && (fcntl(fd, F_GETFL) & O_ACCMODE) == O_WRONLY) {
-            return fd;
-        }
-    }
-    return -1;
-}
-
 // A message too big for its slot, a full data queue (one error, then details until a message
 // is taken) and a full control queue are each refused with their line.
 TEST(MsgDrivenThreadTest, FullQueuesAndOversizedBodiesAreRefused) {

@@ -167,28 +167,6 @@ TEST(SharedTimerTest, CountLimitedTimerStopsAndStartsAgainForAsMany) {
     }
 }
 
-std::set<int> openDescriptors() {
-    std::set<int> fds;
-    if (DIR* dir = opendir("/proc/self/fd")) {
-        while (const dirent* entry = readdir(dir)) {
-            fds.insert(std::atoi(entry->d_name));
-        }
-        closedir(dir);
-    }
-    return fds;
-}
-
-// The write end of the pipe that a timer thread made in its constructor: the new write-only
-// descriptor.
-int newPipeWriteEnd(const std::set<int>& before) {
-    for (int fd : openDescriptors()) {
-        if (before.count(fd) == 0 && (fcntl(fd, F_GETFL) & O_ACCMODE) == O_WRONLY) {
-            return fd;
-        }
-    }
-    return -1;
-}
-
 // The signals of a 1 ms run-on timer pile up while its listener spends 700 ms in one expiry, in
 // a pipe cut to 512 tokens: the handler's writes fail without blocking, and the thread reports
 // that once it reads again. Afterwards at most the two queued expiries are delivered at once,
