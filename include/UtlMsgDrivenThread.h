@@ -338,7 +338,6 @@ class MsgDrivenThread : public Thread {
     void executeTimeoutSignal(int timerId);
     int executeTimeout(int timerId);
     int TimeoutPostHandling(int timerId);
-    void updateNextUserTimerIdValue();
     int getNextSysTimerNumber();
     bool removeTimer(int timerId);
     void releaseAllTimers();

@@ -996,29 +996,9 @@ int MsgDrivenThread::registerTimer(unsigned int interval, unsigned int countLimi
     if (!acceptsRequests()) {
         return kNoTimer;
     }
-    TimerInfo info;
-    info.mInterval = static_cast<int32_t>(interval);
-    info.mCountLimit = countLimit;
-    info.mRunOn = runOn;
-    info.mRunning = CountingPointer<Event>(new (std::nothrow) Event(0, Event::TWO_WAY));
-    if (info.mRunning.isNull()) {
-        return kNoTimer;
-    }
+    TimerInfo info = detail::makeTimerInfo(nullptr, interval, countLimit, runOn);
     SyncGuard guard(mQueueLock);
-    if (mTimers.getCount() >= mTimers.getMax()) {
-        return kNoTimer;
-    }
-    info.mSignalRecord = detail::TimerSignal::acquireRecord();
-    if (info.mSignalRecord == nullptr) {
-        return kNoTimer;
-    }
-    const int timerId = mNextUserTimerId;
-    if (!mTimers.insert(timerId, info)) {
-        detail::TimerSignal::releaseRecord(info.mSignalRecord);
-        return kNoTimer;
-    }
-    updateNextUserTimerIdValue();
-    return timerId;
+    return detail::enterTimer(mTimers, info, &mNextUserTimerId, {&mTimers, &mStopEntries});
 }
 
 int MsgDrivenThread::setTimer(unsigned int interval, int noWait, unsigned int countLimit,
@@ -1309,10 +1289,6 @@ int MsgDrivenThread::executeStopTimer(int timerId, detail::DeferredLog& log) {
     mStopEntries.erase(timerId);
     running->setOff();
     return result;
-}
-
-void MsgDrivenThread::updateNextUserTimerIdValue() {
-    mNextUserTimerId = detail::nextUserTimerId(mNextUserTimerId, {&mTimers, &mStopEntries});
 }
 
 int MsgDrivenThread::getNextSysTimerNumber() {

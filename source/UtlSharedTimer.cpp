@@ -136,30 +136,12 @@ int SharedTimer::addTimer(TimerListener* listener, unsigned int interval, unsign
     if (!isValidInterval(interval)) {
         return kNoTimer;
     }
-    TimerInfo info;
-    info.mReserved = listener;
-    info.mInterval = static_cast<int32_t>(interval);
-    info.mCountLimit = countLimit;
-    info.mRunOn = runOn;
-    info.mRunning = CountingPointer<Event>(new (std::nothrow) Event(0, Event::TWO_WAY));
-    if (info.mRunning.isNull()) {
-        return kNoTimer;
-    }
+    TimerInfo info = detail::makeTimerInfo(listener, interval, countLimit, runOn);
     SyncGuard guard(mTableLock);
-    if (mClosed || mTimers.getCount() >= mTimers.getMax()) {
+    if (mClosed) {
         return kNoTimer;
     }
-    info.mSignalRecord = detail::TimerSignal::acquireRecord();
-    if (info.mSignalRecord == nullptr) {
-        return kNoTimer;
-    }
-    const int timerId = mNextUserTimerId;
-    if (!mTimers.insert(timerId, info)) {
-        detail::TimerSignal::releaseRecord(info.mSignalRecord);
-        return kNoTimer;
-    }
-    mNextUserTimerId = detail::nextUserTimerId(timerId, {&mTimers});
-    return timerId;
+    return detail::enterTimer(mTimers, info, &mNextUserTimerId, {&mTimers});
 }
 
 bool SharedTimer::getTimerIdSet(Array<int>* out) const {

@@ -215,6 +215,33 @@ namespace {
 
 // ---- Timer bookkeeping
 
+TimerInfo makeTimerInfo(void* owner, unsigned int interval, unsigned int countLimit, int runOn) {
+    TimerInfo info;
+    info.mReserved = owner;
+    info.mInterval = static_cast<int32_t>(interval);
+    info.mCountLimit = countLimit;
+    info.mRunOn = runOn;
+    info.mRunning = CountingPointer<Event>(new (std::nothrow) Event(0, Event::TWO_WAY));
+    return info;
+}
+
+int enterTimer(Map<int, TimerInfo>& timers, TimerInfo& info, int32_t* nextUserId, TimerMaps held) {
+    if (info.mRunning.isNull() || timers.getCount() >= timers.getMax()) {
+        return -1;
+    }
+    info.mSignalRecord = TimerSignal::acquireRecord();
+    if (info.mSignalRecord == nullptr) {
+        return -1;
+    }
+    const int timerId = *nextUserId;
+    if (!timers.insert(timerId, info)) {
+        TimerSignal::releaseRecord(info.mSignalRecord);
+        return -1;
+    }
+    *nextUserId = nextUserTimerId(timerId, held);
+    return timerId;
+}
+
 int32_t nextUserTimerId(int32_t id, TimerMaps maps) {
     const auto held = [maps](int32_t candidate) {
         for (const Map<int, TimerInfo>* map : maps) {

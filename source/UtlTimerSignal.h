@@ -101,6 +101,13 @@ TimerSignal& loopTimerSignal();
 // use are those of every map given.
 using TimerMaps = std::initializer_list<const Map<int, TimerInfo>*>;
 
+// A stopped timer of `interval` ms for `owner` (kept in the record's first word) with a new
+// running event; its running event is null when no memory was left. Made outside the table lock.
+TimerInfo makeTimerInfo(void* owner, unsigned int interval, unsigned int countLimit, int runOn);
+// Enters `info` (from makeTimerInfo) into `timers` with a signal record under the id
+// `*nextUserId`, which then moves on past every id held in `held`. The timer id, or -1 when
+// `info` has no running event, `timers` is full or no signal record can be had.
+int enterTimer(Map<int, TimerInfo>& timers, TimerInfo& info, int32_t* nextUserId, TimerMaps held);
 // The user timer id after `id`: ids run 1 ... INT32_MAX round-robin, wrapping to 1, skipping
 // every id held in `maps`.
 int32_t nextUserTimerId(int32_t id, TimerMaps maps);
