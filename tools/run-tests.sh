@@ -137,8 +137,10 @@ fi
 echo
 echo "== Summary"
 printf '%s\n' "${results[@]}"
-report_skips
+skips=$(report_skips)
+[ -n "$skips" ] && echo "$skips"
+skipped=$(grep -c '^SKIP' <<<"$skips")
 cases=$(sum_reports tests)
 broken=$(($(sum_reports failures) + $(sum_reports errors)))
-echo "tests: $((cases - broken)) passed, $broken failed"
+echo "tests: $((cases - broken - skipped)) passed, $skipped skipped, $broken failed"
 exit $failed
