@@ -162,14 +162,14 @@ class SharedTimer : public Thread {
     // the queue is full or the thread has ended; false, logged, when the token cannot be written
     // (the entry then stays queued and is handled at a later wake-up).
     bool postTimerCtlMsg(int msgId, int param);
-
-  protected:
-    // The loop; its result -1 when the pipe cannot be read, else 0.
-    unsigned int execute() override;
     // Called in the timer thread for each delivered expiry: looks up the timer's listener and
     // calls it with no lock held; nothing for an unknown timer or a null listener. A derived
     // class may override it to see every expiry.
     virtual void onTime(int timerId);
+
+  protected:
+    // The loop; its result -1 when the pipe cannot be read, else 0.
+    unsigned int execute() override;
 
   private:
     enum RequestResult { REQUEST_FAILED, REQUEST_NEEDLESS, REQUEST_QUEUED };
