@@ -2,6 +2,7 @@
 #ifndef UTL_H
 #define UTL_H
 
+#include "QVStorage.h"
 #include "UtlArray.h"
 #include "UtlBitStream.h"
 #include "UtlCharAttrib.h"

@@ -168,6 +168,8 @@ namespace detail {
 // Direct indexes over the two tables, generated with them; the converters use them instead of
 // searching. Laid out as tools/gen_sjis_tables.py describes.
 extern const uint16_t SJIS_CODE_INDEX[51 * 256];
+// The UTF-16 unit of the code in each slot of SJIS_CODE_INDEX, 0 where that has none.
+extern const uint16_t SJIS_UTF16_INDEX[51 * 256];
 extern const uint16_t UTF8_CODE_INDEX[16 * 64 + 9 * 4096];
 
 }  // namespace detail

@@ -1,7 +1,9 @@
 #include "UtlCharConvert.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstddef>
+#include <cstring>
 #include <string>
 
 #include "UtlMemory.h"
@@ -149,6 +151,83 @@ unsigned int convertString(Unit* dst, unsigned int size, const Source* src, Conv
     return convert(out) ? out.finish() : kFailure;
 }
 
+// --- Long texts: the room is checked once per block of characters, not per character.
+
+// How a fast loop leaves its block: all converted, the text ended early, or the text is refused.
+enum class Flow { kGoOn, kEnd, kFail };
+
+// Writes the text at `s` into `size` (at least 1) units at `dst` in blocks: the characters that
+// start within the next `block` bytes give at most `block * kMaxUnits` units, so while that fits
+// before the terminator's place, `fast(s, blockEnd, d)` converts them without checking the room
+// and advances `s` and `d`. Once the room allows only short blocks, `checked(s, out)`, the loop
+// with per-character checks, finishes the text, so a tight buffer fails where it did before.
+template <unsigned int kMaxUnits, class Unit, class Fast, class Checked>
+unsigned int writeInBlocks(Unit* dst, unsigned int size, const unsigned char* s, Fast fast,
+                           Checked checked) {
+    constexpr std::size_t kShortBlock = 16;
+    const unsigned char* const textEnd = s + std::strlen(reinterpret_cast<const char*>(s));
+    Unit* d = dst;
+    Unit* const last = dst + (size - 1);  // The terminator's place in a full buffer.
+    for (;;) {
+        const auto left = static_cast<std::size_t>(textEnd - s);
+        const std::size_t block = std::min(left, static_cast<std::size_t>(last - d) / kMaxUnits);
+        if (block < left && block < kShortBlock) {
+            break;
+        }
+        const Flow flow = fast(s, s + block, d);
+        if (flow == Flow::kFail) {
+            return kFailure;
+        }
+        if (flow == Flow::kEnd || s == textEnd) {
+            *d = 0;
+            return static_cast<unsigned int>(d - dst) + 1;
+        }
+    }
+    const auto written = static_cast<unsigned int>(d - dst);
+    BufferOutput<Unit> out(d, size - written);
+    return checked(s, out) ? written + out.finish() : kFailure;
+}
+
+// The frame of the string forms with a fast loop: as convertString, with `checked(s, out)` for
+// the size query and the end of a tight buffer.
+template <unsigned int kMaxUnits, class Unit, class Fast, class Checked>
+unsigned int convertLongString(Unit* dst, unsigned int size, const char* src, Fast fast,
+                               Checked checked) {
+    if (src == nullptr) {
+        return kFailure;
+    }
+    if (size == 0) {
+        CountingOutput out;
+        return checked(bytesOf(src), out) ? out.finish() : kFailure;
+    }
+    if (dst == nullptr) {
+        return kFailure;
+    }
+    return writeInBlocks<kMaxUnits>(dst, size, bytesOf(src), fast, checked);
+}
+
+// Copies bytes below 0x80 at `s` into `d` as they are, eight at a time while eight remain before
+// `end`, then one at a time; stops at `end` or the first other byte.
+template <class Unit>
+inline void copyAscii(const unsigned char*& s, const unsigned char* end, Unit*& d) {
+    constexpr uint64_t kHighBits = 0x8080808080808080u;
+    while (end - s >= 8) {
+        uint64_t eight = 0;
+        std::memcpy(&eight, s, 8);
+        if ((eight & kHighBits) != 0) {
+            break;
+        }
+        for (unsigned int i = 0; i < 8; ++i) {
+            d[i] = static_cast<Unit>(s[i]);
+        }
+        s += 8;
+        d += 8;
+    }
+    while (s < end && *s < 0x80) {
+        *d++ = static_cast<Unit>(*s++);
+    }
+}
+
 // The `n` bytes of `packed` for a character form (no terminator): the count for size 0.
 unsigned int putCharBytes(char* dst, unsigned int size, uint32_t packed, unsigned int n) {
     if (size == 0) {
@@ -245,6 +324,56 @@ bool sjisToUtf8(const unsigned char* s, Output& out) {
         s += c.used;
     }
     return true;
+}
+
+// The UTF-8 bytes of a UTF-16 unit at `d`; the unit 0 gives one zero byte. Returns the bytes.
+inline unsigned int storeUtf8(char* d, unsigned int unit) {
+    if (unit >= 0x800) {
+        d[0] = static_cast<char>(0xE0 | unit >> 12);
+        d[1] = static_cast<char>(0x80 | (unit >> 6 & 0x3F));
+        d[2] = static_cast<char>(0x80 | (unit & 0x3F));
+        return 3;
+    }
+    if (unit >= 0x80) {
+        d[0] = static_cast<char>(0xC0 | unit >> 6);
+        d[1] = static_cast<char>(0x80 | (unit & 0x3F));
+        return 2;
+    }
+    d[0] = static_cast<char>(unit);
+    return 1;
+}
+
+// At most 3 bytes per character. Works as sjisToUtf8, with the UTF-16 unit of each code read
+// straight from SJIS_UTF16_INDEX and encoded here: one look-up instead of two dependent ones.
+Flow sjisToUtf8Fast(const unsigned char*& s, const unsigned char* end, char*& d) {
+    while (s < end) {
+        if (*s < 0x80) {
+            copyAscii(s, end, d);
+            continue;
+        }
+        const SjisByteClass byteClass = kSjisBytes.of[*s];
+        if (byteClass.length == 0) {
+            *d++ = static_cast<char>(*s++);
+            continue;
+        }
+        if (s[1] == 0 && byteClass.length == 2) {
+            *d++ = 0;  // A first byte cut by the end: no mapping.
+            ++s;
+            continue;
+        }
+        // Branches, not a computed step, so that the next character need not wait for s[1].
+        unsigned int unit = 0;
+        if (byteClass.length == 1) {
+            unit = detail::SJIS_UTF16_INDEX[*s];
+            unit = unit != 0 ? unit : kAsterisk;
+            s += 1;
+        } else {
+            unit = detail::SJIS_UTF16_INDEX[byteClass.row * 256 + s[1]];
+            s += 2;
+        }
+        d += storeUtf8(d, unit);
+    }
+    return Flow::kGoOn;
 }
 
 template <class Output>
@@ -345,6 +474,23 @@ bool utf8ToSjis(const unsigned char* s, Output& out) {
     return true;
 }
 
+// At most 2 bytes per character. Works as utf8ToSjis.
+Flow utf8ToSjisFast(const unsigned char*& s, const unsigned char* end, char*& d) {
+    while (s < end) {
+        if (*s < 0x80) {
+            copyAscii(s, end, d);
+            continue;
+        }
+        const Utf8Char c = readUtf8(s);
+        if (c.code > 0xFF) {
+            *d++ = static_cast<char>(c.code >> 8);
+        }
+        *d++ = static_cast<char>(c.code);
+        s += c.used;
+    }
+    return Flow::kGoOn;
+}
+
 // --- UTF-16
 
 int byteOrderMarkOf(uint32_t unit) {
@@ -410,6 +556,39 @@ bool utf8ToUtf16(const unsigned char* s, Output& out) {
         s += length;
     }
     return true;
+}
+
+// One unit per character. Works as utf8ToUtf16, trying the three-byte characters of Japanese
+// text first.
+Flow utf8ToUtf16Fast(const unsigned char*& s, const unsigned char* end, unsigned short*& d) {
+    while (s < end) {
+        if (*s < 0x80) {
+            copyAscii(s, end, d);
+            continue;
+        }
+        const unsigned int low2 = s[1] ^ 0x80u;
+        if (*s >= 0xE1 && *s <= 0xEF && low2 < 0x40 && (s[2] ^ 0x80u) < 0x40) {
+            // Three bytes without an overlong form: most of the characters of Japanese text.
+            *d++ = static_cast<unsigned short>((*s & 0x0F) << 12 | low2 << 6 | (s[2] & 0x3F));
+            s += 3;
+            continue;
+        }
+        uint32_t unit = 0;
+        unsigned int length = readPlainChar(s, &unit);
+        if (length == 0) {
+            length = strCharBytesBase(reinterpret_cast<const char*>(s), nullptr);
+            if (length == kFailure) {
+                return Flow::kFail;
+            }
+            if (length == 0) {
+                return Flow::kEnd;
+            }
+            unit = kReferenceMark;
+        }
+        *d++ = static_cast<unsigned short>(unit);
+        s += length;
+    }
+    return Flow::kGoOn;
 }
 
 // --- wide text and plain copies
@@ -499,8 +678,9 @@ unsigned int convertCharFromSjisToUtf8(char* dst, unsigned int size, const char*
 }
 
 unsigned int convertStrFromSjisToUtf8(char* dst, unsigned int size, const char* src) {
-    return convertString(dst, size, src,
-                         [src](auto& out) { return sjisToUtf8(bytesOf(src), out); });
+    return convertLongString<3>(
+        dst, size, src, sjisToUtf8Fast,
+        [](const unsigned char* s, auto& out) { return sjisToUtf8(s, out); });
 }
 
 unsigned int convertCharFromUtf8ToSjis(char* dst, unsigned int size, const char* src,
@@ -517,8 +697,9 @@ unsigned int convertCharFromUtf8ToSjis(char* dst, unsigned int size, const char*
 }
 
 unsigned int convertStrFromUtf8ToSjis(char* dst, unsigned int size, const char* src) {
-    return convertString(dst, size, src,
-                         [src](auto& out) { return utf8ToSjis(bytesOf(src), out); });
+    return convertLongString<2>(
+        dst, size, src, utf8ToSjisFast,
+        [](const unsigned char* s, auto& out) { return utf8ToSjis(s, out); });
 }
 
 unsigned int convertCharFromSjisToUtf16(unsigned short* dst, const char* src, unsigned int* used) {
@@ -569,8 +750,9 @@ unsigned int convertCharFromUtf8ToUtf16(unsigned short* dst, const char* src, un
 }
 
 unsigned int convertStrFromUtf8ToUtf16(unsigned short* dst, unsigned int size, const char* src) {
-    return convertString(dst, size, src,
-                         [src](auto& out) { return utf8ToUtf16(bytesOf(src), out); });
+    return convertLongString<1>(
+        dst, size, src, utf8ToUtf16Fast,
+        [](const unsigned char* s, auto& out) { return utf8ToUtf16(s, out); });
 }
 
 unsigned int convertStrFromTcharToWchar(wchar_t* dst, unsigned int size, const char* src) {

@@ -9,6 +9,8 @@
 #include <memory>
 #include <string>
 #include <tuple>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -174,6 +176,78 @@ TEST(CharConvertTest, EveryFormAnswersSizeQueriesAndStaysWithinTheBuffer) {
             EXPECT_EQ(convert(&buffer[0], size, false), size == needed ? size : kFailure);
             EXPECT_EQ(buffer.find_first_not_of('Z', size * unit), std::string::npos) << size;
         }
+    }
+}
+
+// `convert` on `text` into every size from 1 to one more than needed, between guard units: the
+// expected units (`fails`: none) need their size exactly, and nothing lands beyond the size.
+template <class Unit, class Char>
+void convertsInEverySize(unsigned int (*convert)(Unit*, unsigned int, const char*),
+                         const std::string& text, const std::basic_string<Char>& expected,
+                         bool fails = false) {
+    constexpr Unit kGuard = 0x5A;
+    const auto needed = static_cast<unsigned int>(expected.size() + 1);
+    ASSERT_EQ(convert(nullptr, 0, text.c_str()), fails ? kFailure : needed);
+    for (unsigned int size = 1; size <= needed + 1; ++size) {
+        std::vector<Unit> buffer(needed + 2, kGuard);
+        const unsigned int result = convert(buffer.data(), size, text.c_str());
+        ASSERT_EQ(result, fails || size < needed ? kFailure : needed) << "size " << size;
+        ASSERT_TRUE(
+            std::all_of(buffer.begin() + size, buffer.end(), [](Unit u) { return u == kGuard; }))
+            << "size " << size;
+        ASSERT_TRUE(result == kFailure ||
+                    (std::equal(expected.begin(), expected.end(), buffer.begin(),
+                                [](Char c, Unit u) { return static_cast<Unit>(c) == u; }) &&
+                     buffer[needed - 1] == 0))
+            << "size " << size;
+    }
+}
+
+// Long texts are written in blocks without per-character checks, falling back to checked
+// writing when the buffer is nearly full: runs of ASCII at every alignment, multi-byte characters
+// and substitutions across the switch, and cut or malformed input at the end of a long text.
+TEST(CharConvertTest, LongTextsConvertTheSameIntoEveryBufferSize) {
+    using Pieces = std::vector<std::pair<std::string, std::string>>;
+    const auto repeated = [](const std::string& s, int times) {
+        std::string text;
+        while (times-- > 0) {
+            text += s;
+        }
+        return text;
+    };
+    const Pieces sjisPieces = {{"ABCDEFGHIJK", "ABCDEFGHIJK"},
+                               {"\x82\xA0", "\xE3\x81\x82"},
+                               {std::string(16, '\xB1'), repeated("\xEF\xBD\xB1", 16)},
+                               {"\x83\xBF", "\xCE\xB1"},
+                               {"\x85\x40", "\0"s},
+                               {"\x80\xFD", "\x80\xFD"}};
+    const Pieces utf8Pieces = {
+        {"abcdefghijk", "abcdefghijk"},   {"\xE3\x81\x82", "\x82\xA0"},
+        {"\xEF\xBD\xB1", "\xB1"},         {"\xCE\xB1", "\x83\xBF"},
+        {"\xEF\xBB\xBF", "\0"s},          {"\xF0\x9F\x98\x80", "\xF0\x9F\x98\x80"},
+        {"\xE0\xA0\x80", "\xE0\xA0\x80"}, {"\xED\xA0\x80", "\xED\xA0\x80"}};
+    const std::u16string utf16 = u"abcdefghijk\u3042\uFF71\u03B1\uFEFF\u203B\u0800\xD800";
+    for (std::size_t shift = 0; shift < 9; ++shift) {
+        SCOPED_TRACE(shift);
+        const std::string lead(shift, '-');
+        std::string sjis = lead, fromSjis = lead, utf8 = lead, toSjis = lead;
+        std::u16string toUtf16(lead.begin(), lead.end());
+        for (int repeat = 0; repeat < 4; ++repeat) {
+            for (const auto& [in, out] : sjisPieces) {
+                sjis += in;
+                fromSjis += out;
+            }
+            for (const auto& [in, out] : utf8Pieces) {
+                utf8 += in;
+                toSjis += out;
+            }
+            toUtf16 += utf16;
+        }
+        convertsInEverySize(convertStrFromSjisToUtf8, sjis + "\x82", fromSjis + "\0"s);
+        convertsInEverySize(convertStrFromUtf8ToSjis, utf8 + "\xE3\x81", toSjis + "\0"s);
+        convertsInEverySize(convertStrFromUtf8ToUtf16, utf8 + "\xE3\x81", toUtf16);
+        convertsInEverySize(convertStrFromUtf8ToUtf16, utf8 + "\xC0\x80" + utf8, toUtf16);
+        convertsInEverySize(convertStrFromUtf8ToUtf16, utf8 + "\x80", std::u16string(), true);
     }
 }
 

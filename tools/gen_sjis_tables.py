@@ -91,6 +91,12 @@ def sjis_index(sjis_rows):
     return index
 
 
+def sjis_units(sjis_rows, index):
+    """The slots of the Shift_JIS index with the UTF-16 unit of their code instead of its
+    position, or 0, so that the converter into UTF-8 reads one table instead of two."""
+    return [0 if position == 0xFFFF else sjis_rows[position][1] for position in index]
+
+
 def utf8_index(utf8_rows):
     """One block per first byte of UTF8_LOOKUP_LEADS, in that order: 64 slots for a two-byte
     sequence (by the low six bits of its second byte), 4096 for a three-byte one (by the low six
@@ -138,6 +144,10 @@ def render():
     index = sjis_index(sjis_rows)
     out += [f"const uint16_t SJIS_CODE_INDEX[{len(index)}] = {{"]
     out += rows_of(index, 16, lambda v: "0xFFFF" if v == 0xFFFF else str(v))
+    out += ["};", ""]
+    units = sjis_units(sjis_rows, index)
+    out += [f"const uint16_t SJIS_UTF16_INDEX[{len(units)}] = {{"]
+    out += rows_of(units, 16, lambda v: f"0x{v:04X}" if v else "0")
     out += ["};", ""]
     index = utf8_index(utf8_rows)
     out += [f"const uint16_t UTF8_CODE_INDEX[{len(index)}] = {{"]
