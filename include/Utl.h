@@ -7,6 +7,7 @@
 #include "UtlBitStream.h"
 #include "UtlCharAttrib.h"
 #include "UtlCharConvert.h"
+#include "UtlFile.h"
 #include "UtlLog.h"
 #include "UtlMemory.h"
 #include "UtlMemoryPool.h"

@@ -1,0 +1,507 @@
+#include "UtlFile.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <ftw.h>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "LogCapture.h"
+#include "UtlCharConvert.h"
+
+namespace {
+
+using utl::File;
+
+// A fresh directory under TMPDIR (or /tmp), removed with everything in it afterwards.
+class FileTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        const char* base = std::getenv("TMPDIR");
+        std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/utlfile.XXXXXX";
+        ASSERT_NE(mkdtemp(&pattern[0]), nullptr);
+        mDir = pattern;
+    }
+    void TearDown() override {
+        nftw(
+            mDir.c_str(),
+            [](const char* p, const struct stat*, int, FTW*) { return chmod(p, 0700); }, 16,
+            FTW_PHYS);
+        nftw(
+            mDir.c_str(), [](const char* p, const struct stat*, int, FTW*) { return remove(p); },
+            16, FTW_DEPTH | FTW_PHYS);
+    }
+    std::string path(const std::string& name) const { return mDir + "/" + name; }
+    static void put(const std::string& file, const std::string& bytes) {
+        std::ofstream(file, std::ios::binary) << bytes;
+    }
+    static std::string get(const std::string& file) {
+        std::ostringstream s;
+        s << std::ifstream(file, std::ios::binary).rdbuf();
+        return s.str();
+    }
+    static int mode(const std::string& file) {
+        struct stat info;
+        return stat(file.c_str(), &info) == 0 ? static_cast<int>(info.st_mode & 07777) : -1;
+    }
+    std::string mDir;
+};
+
+// Runs `child` in a forked process that reports one byte through a pipe when ready and then
+// waits for the parent to close its end; returns the child's pid after the report.
+template <class Child>
+pid_t forkHolding(Child child, int* release) {
+    int ready[2];
+    int hold[2];
+    if (pipe(ready) != 0 || pipe(hold) != 0) {
+        return -1;
+    }
+    const pid_t pid = fork();
+    if (pid == 0) {
+        close(ready[0]);
+        close(hold[1]);
+        const char ok = child() ? 'y' : 'n';
+        (void)!::write(ready[1], &ok, 1);
+        char c;
+        (void)!::read(hold[0], &c, 1);
+        _exit(0);
+    }
+    close(ready[1]);
+    close(hold[0]);
+    char ok = 'n';
+    (void)!::read(ready[0], &ok, 1);
+    close(ready[0]);
+    *release = hold[1];
+    return ok == 'y' ? pid : -1;
+}
+
+void finish(pid_t pid, int release) {
+    close(release);
+    waitpid(pid, nullptr, 0);
+}
+
+TEST_F(FileTest, WritersCreateDirectoriesAndFilesWithFullModeUnderAnyUmask) {
+    for (mode_t mask : {022, 077}) {
+        SCOPED_TRACE(mask);
+        const mode_t old = umask(mask);
+        const std::string dir = path("m" + std::to_string(mask));
+        File file((dir + "\\sub\\a.txt").c_str(), File::TEXT_UTF8);
+        EXPECT_STREQ((dir + "/sub/a.txt").c_str(), file.getPath());
+        EXPECT_TRUE(file.open(File::OPEN_EXISTING, File::ACCESS_WRITE));
+        EXPECT_EQ(0777, mode(dir));
+        EXPECT_EQ(0777, mode(dir + "/sub"));
+        EXPECT_EQ(0777, mode(dir + "/sub/a.txt"));
+        umask(old);
+    }
+    EXPECT_EQ(0700, mode(mDir)) << "the parent's mode is restored";
+}
+
+TEST_F(FileTest, RefusedOpensLeaveFileClosedAndParentModeAsItWas) {
+    put(path("ro.txt"), "x");
+    chmod(path("ro.txt").c_str(), 0444);
+    File missing(path("missing.txt").c_str(), File::TEXT_UTF8);
+    File readOnly(path("ro.txt").c_str(), File::TEXT_UTF8);
+    File directory(mDir.c_str(), File::TEXT_UTF8);
+    LogCapture capture;
+    EXPECT_FALSE(missing.open(File::OPEN_EXISTING, File::ACCESS_READ));
+    EXPECT_TRUE(capture.lines().empty());
+    EXPECT_FALSE(missing.open(File::OPEN_TRUNCATE, File::ACCESS_READ));
+    EXPECT_FALSE(missing.open(3, File::ACCESS_WRITE));
+    EXPECT_FALSE(readOnly.open(File::OPEN_EXISTING, File::ACCESS_WRITE));
+    EXPECT_FALSE(directory.open(File::OPEN_EXISTING, File::ACCESS_READ));
+    EXPECT_FALSE(missing.exists());
+    EXPECT_EQ(0700, mode(mDir));
+    EXPECT_EQ(-1, missing.read(nullptr, 1));
+    EXPECT_TRUE(capture.contains("in read func file is not opened"));
+
+    // An open that fails in the system call restores the parent, too.
+    chmod(mDir.c_str(), 0500);
+    put(path("blocked"), "");
+    File blocked(path("blocked/x.txt").c_str(), File::TEXT_UTF8);
+    EXPECT_FALSE(blocked.open(File::OPEN_EXISTING, File::ACCESS_WRITE));
+    EXPECT_EQ(0500, mode(mDir));
+}
+
+TEST_F(FileTest, BytesMoveAtTheLibrarysOwnOriginsAndReadEndsWithMinusThree) {
+    File file(path("b.bin").c_str(), File::TEXT_UTF8);
+    {
+        File::AutoClose closer(file);
+        ASSERT_TRUE(file.open(File::OPEN_EXISTING, File::ACCESS_READ_WRITE));
+        EXPECT_FALSE(file.open(File::OPEN_EXISTING, File::ACCESS_READ_WRITE));
+        EXPECT_EQ(11, file.write("hello world", 11));
+        EXPECT_EQ(-1, file.write("x", 0));
+        EXPECT_EQ(11, file.size());
+        EXPECT_EQ(11, file.seek(0, File::SEEK_FROM_END));
+        EXPECT_EQ(11, file.seek(0, File::SEEK_FROM_CURRENT));
+        EXPECT_EQ(6, file.seek(-5, File::SEEK_FROM_END));
+        EXPECT_EQ(-1, file.seek(0, 3));
+        EXPECT_EQ(5, file.availableSize());
+        char buffer[16] = {};
+        EXPECT_EQ(5, file.read(buffer, sizeof buffer));
+        EXPECT_STREQ("world", buffer);
+        EXPECT_EQ(File::END_OF_FILE, file.read(buffer, 1));
+        EXPECT_EQ(0, file.availableSize());
+
+        EXPECT_EQ(2, file.seek(2, File::SEEK_FROM_BEGIN));
+        EXPECT_TRUE(file.resize(8));
+        EXPECT_EQ(2, file.position()) << "kept before the new end";
+        EXPECT_TRUE(file.resize(4));
+        EXPECT_EQ(2, file.position());
+        EXPECT_TRUE(file.resize());
+        EXPECT_EQ(2, file.size());
+        EXPECT_TRUE(file.resize(1));
+        EXPECT_EQ(1, file.position()) << "moved to the new end";
+    }
+    EXPECT_FALSE(file.isOpened());
+    EXPECT_EQ(-1, file.position());
+    ASSERT_TRUE(file.open(File::OPEN_APPEND, File::ACCESS_WRITE));
+    EXPECT_EQ(1, file.position());
+    file.close();
+    ASSERT_TRUE(file.open(File::OPEN_TRUNCATE, File::ACCESS_WRITE));
+    EXPECT_EQ(0, file.size());
+}
+
+TEST_F(FileTest, LocksAreSharedBetweenReadersAndExclusiveForAWriterAcrossProcesses) {
+    const std::string name = path("lock.txt");
+    put(name, "data");
+    for (int childAccess : {File::ACCESS_WRITE, File::ACCESS_READ}) {
+        SCOPED_TRACE(childAccess);
+        int release = -1;
+        const pid_t pid = forkHolding(
+            [&] {
+                static File held(name.c_str(), File::TEXT_UTF8);
+                return held.open(File::OPEN_EXISTING, childAccess);
+            },
+            &release);
+        ASSERT_GT(pid, 0);
+        File writer(name.c_str(), File::TEXT_UTF8);
+        File reader(name.c_str(), File::TEXT_UTF8);
+        bool sharedOnly = false;
+        EXPECT_TRUE(File::isOpened(name.c_str(), &sharedOnly));
+        EXPECT_EQ(childAccess == File::ACCESS_READ, sharedOnly);
+        // Contention is logged at debug level, which reaches standard output only.
+        const std::string logged = captureStdout(
+            [&] { EXPECT_FALSE(writer.open(File::OPEN_EXISTING, File::ACCESS_WRITE)); });
+        EXPECT_NE(std::string::npos,
+                  logged.find("DTL: Other process is opening. errno[11] Path:" + name));
+        EXPECT_EQ(0700, mode(mDir)) << "the parent's mode is restored";
+        EXPECT_EQ(childAccess == File::ACCESS_READ,
+                  reader.open(File::OPEN_EXISTING, File::ACCESS_READ));
+        EXPECT_FALSE(File::copy(name.c_str(), path("copy.txt").c_str(), 1));
+        finish(pid, release);
+    }
+    EXPECT_FALSE(File::isOpened(name.c_str(), nullptr));
+    EXPECT_TRUE(File::copy(name.c_str(), path("copy.txt").c_str(), 0));
+    EXPECT_EQ("data", get(path("copy.txt")));
+}
+
+TEST_F(FileTest, WriterKilledMidwayLeavesCompletedWritesAndNoLock) {
+    const std::string name = path("killed.bin");
+    int report[2];
+    ASSERT_EQ(0, pipe(report));
+    const pid_t pid = fork();
+    if (pid == 0) {
+        File file(name.c_str(), File::TEXT_UTF8);
+        file.open(File::OPEN_TRUNCATE, File::ACCESS_WRITE);
+        char block[4096];
+        for (unsigned int i = 0;; ++i) {
+            std::memset(block, static_cast<int>('A' + i % 26), sizeof block);
+            file.write(block, sizeof block);
+            (void)!::write(report[1], &i, sizeof i);
+        }
+    }
+    close(report[1]);
+    unsigned int done = 0;
+    for (unsigned int i = 0; i < 20 && ::read(report[0], &i, sizeof i) == sizeof i;) {
+        done = i + 1;
+    }
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+    close(report[0]);
+    const std::string bytes = get(name);
+    ASSERT_GE(bytes.size(), done * 4096u);
+    for (unsigned int i = 0; i < done; ++i) {
+        EXPECT_EQ(std::string(4096, static_cast<char>('A' + i % 26)), bytes.substr(i * 4096, 4096));
+    }
+    EXPECT_FALSE(File::isOpened(name.c_str(), nullptr));
+    File after(name.c_str(), File::TEXT_UTF8);
+    EXPECT_TRUE(after.open(File::OPEN_EXISTING, File::ACCESS_WRITE));
+}
+
+TEST_F(FileTest, TextIsWrittenInEachEncodingWithoutByteOrderMark) {
+    const std::string text = "a\xC3\xA9\xE3\x81\x82";  // a, e-acute, hiragana a
+    const std::pair<int, std::string> cases[] = {
+        {File::TEXT_UTF8, text + "\n"},
+        {File::TEXT_UTF16BE, std::string("\0a\0\xE9\x30\x42\0\n", 8)},
+        {File::TEXT_UTF16LE, std::string("a\0\xE9\0\x42\x30\n\0", 8)},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.first);
+        const std::string name = path("t" + std::to_string(c.first));
+        File file(name.c_str(), c.first);
+        ASSERT_TRUE(file.open(File::OPEN_TRUNCATE, File::ACCESS_READ_WRITE));
+        EXPECT_EQ(static_cast<int>(c.second.size()), file.writeLine(text.c_str()));
+        EXPECT_EQ(c.second, get(name));
+        EXPECT_EQ(-1, file.writeText(text.c_str(), File::TEXT_LIMIT, 0));
+        EXPECT_EQ(-1, file.writeText(text.c_str(), 1, 100));
+
+        file.seek(0, File::SEEK_FROM_BEGIN);
+        char out[32];
+        unsigned int size = 0;
+        EXPECT_EQ(static_cast<int>(c.second.size()), file.readText(nullptr, 0, 100, 0, &size));
+        EXPECT_EQ(text.size() + 2, size) << "measured with the LF and terminator";
+        file.seek(0, File::SEEK_FROM_BEGIN);
+        std::strcpy(out, "xy");
+        file.readText(out, sizeof out, static_cast<unsigned int>(c.second.size()) - 1, 2, &size);
+        EXPECT_EQ("xy" + text, std::string(out));
+        EXPECT_EQ(1, file.writeText(text.c_str(), 1, c.first == File::TEXT_UTF8 ? 0 : 1));
+    }
+    File sjis(path("sjis.txt").c_str(), File::TEXT_SJIS);
+    ASSERT_TRUE(sjis.open(File::OPEN_TRUNCATE, File::ACCESS_WRITE));
+    EXPECT_EQ(-1, sjis.writeText("a", 10, 0));
+    EXPECT_EQ(-1, sjis.writeLine("a"));
+}
+
+TEST_F(FileTest, ReadingSkipsOnlyTheUtf8ByteOrderMark) {
+    put(path("u8"), "\xEF\xBB\xBFok");
+    put(path("u16"), std::string("\xFF\xFEo\0k\0", 6));
+    put(path("sjis"), "\x82\xA0\xB1");  // hiragana a, half-width katakana a
+    const std::pair<int, const char*> cases[] = {{File::TEXT_UTF8, "ok"},
+                                                 {File::TEXT_UTF16LE, "\xEF\xBB\xBFok"},
+                                                 {File::TEXT_SJIS, "\xE3\x81\x82\xEF\xBD\xB1"}};
+    const char* names[] = {"u8", "u16", "sjis"};
+    for (int i = 0; i < 3; ++i) {
+        File file(path(names[i]).c_str(), cases[i].first);
+        ASSERT_TRUE(file.open(File::OPEN_EXISTING, File::ACCESS_READ));
+        utl::BasicString<char> out(0u, 1);
+        EXPECT_GT(file.readText(&out, 100, 0, nullptr), 0);
+        EXPECT_STREQ(cases[i].second, out.c_str());
+        EXPECT_EQ(File::END_OF_FILE, file.readText(&out, 100, 0, nullptr));
+    }
+}
+
+// The line rules applied one character at a time to the bytes of a file, as the reference for the
+// buffered reader: returns {content bytes, line-end bytes, whether an LF ended the line}.
+struct RefLine {
+    unsigned int content;
+    unsigned int eol;
+    bool ended;
+};
+
+RefLine referenceLine(const std::string& bytes, std::size_t at, int type) {
+    unsigned int eol = 0;
+    std::size_t p = at;
+    const bool wide = type >= File::TEXT_UTF16BE;
+    while (p < bytes.size() && (!wide || p + 1 < bytes.size())) {
+        unsigned int length = 1;
+        unsigned int code = static_cast<unsigned char>(bytes[p]);
+        if (wide) {
+            length = 2;
+            const unsigned char a = bytes[p], b = bytes[p + 1];
+            code = type == File::TEXT_UTF16BE ? (a << 8 | b) : (b << 8 | a);
+        } else {
+            char window[7] = {};
+            bytes.copy(window, 6, p);
+            if (type == File::TEXT_SJIS) {
+                char utf8[6];
+                utl::convertCharFromSjisToUtf8(utf8, 6, window, &length);
+            } else if (code != 0) {
+                length = utl::strCharBytesBase(window, static_cast<bool*>(nullptr));
+                length = length == ~0u ? 1 : length == 0 ? 3 : length;
+            }
+            length = length == 0 ? 1 : length;
+            code = length == 1 ? code : 0x80;
+        }
+        p += length;
+        if (code == '\r') {
+            eol += length;
+        } else if (code == '\n') {
+            return {static_cast<unsigned int>(p - at) - eol - length, eol + length, true};
+        } else {
+            eol = 0;
+        }
+    }
+    return {static_cast<unsigned int>(p - at) - eol, eol, false};
+}
+
+std::string encode(const std::u16string& text, int type) {
+    std::string out;
+    for (char16_t u : text) {
+        const char hi = static_cast<char>(u >> 8), lo = static_cast<char>(u & 0xFF);
+        out += type == File::TEXT_UTF16BE ? std::string{hi, lo} : std::string{lo, hi};
+    }
+    return out;
+}
+
+TEST_F(FileTest, BufferedLinesMatchTheCharacterRulesInEveryEncoding) {
+    // Zero bytes are appended at random below.
+    const std::vector<std::string> bytePieces = {
+        "abc",          "\r",           "\n",           "\r\n",
+        "\xC3\xA9",     "\x82\xA0",     "\xC3",         "\xB1",
+        "\xE3\x81\x82", "\xEF\xBB\xBF", "\xFF",         "x\ry",
+        "\xC0\x80",     "\xE0\x80\x80", "\xED\xA0\x80", "\xF0\x9F\x98\x80"};
+    const std::vector<std::u16string> widePieces = {
+        u"abc", u"\r", u"\n", u"\r\n", u"\u00E9", u"\U0001F600", u"\xD800", u"\uFEFF", u"x\ry"};
+    std::mt19937 random(7);
+    for (int type = File::TEXT_SJIS; type <= File::TEXT_UTF16LE; ++type) {
+        SCOPED_TRACE(type);
+        std::string bytes;
+        const bool wide = type >= File::TEXT_UTF16BE;
+        // Long enough to cross several buffer refills, with lines of every shape.
+        while (bytes.size() < 3 * File::BUFFER_BYTES) {
+            if (wide) {
+                bytes += encode(widePieces[random() % widePieces.size()], type);
+            } else {
+                bytes += std::string(bytePieces[random() % bytePieces.size()])
+                             .append(random() % 13 == 12 ? 1 : 0, '\0');
+            }
+        }
+        bytes += wide ? encode(u"last", type) + "z" : "last";
+        put(path("lines"), bytes);
+        File buffered(path("lines").c_str(), type);
+        File direct(path("lines").c_str(), type);
+        ASSERT_TRUE(buffered.open(File::OPEN_EXISTING, File::ACCESS_READ));
+        ASSERT_TRUE(direct.open(File::OPEN_EXISTING, File::ACCESS_READ));
+        std::size_t at = 0;
+        for (int line = 0;; ++line) {
+            SCOPED_TRACE(line);
+            char got[File::TEXT_LIMIT] = {};
+            unsigned int gotSize = 0;
+            const int result = buffered.readLine(got, sizeof got - 1, &gotSize);
+            const RefLine ref = referenceLine(bytes, at, type);
+            if (ref.content + ref.eol == 0) {
+                EXPECT_EQ(File::END_OF_FILE, result);
+                break;
+            }
+            ASSERT_EQ(static_cast<int>(ref.content + ref.eol), result);
+            std::string want;
+            unsigned int wantSize = 1;
+            if (ref.content > 0) {
+                char text[File::TEXT_LIMIT * 3] = {};
+                direct.seek(static_cast<long long>(at), File::SEEK_FROM_BEGIN);
+                ASSERT_GE(direct.readText(text, sizeof text, ref.content, 0, &wantSize), 0);
+                want = text;
+            }
+            EXPECT_EQ(want, got);
+            EXPECT_EQ(wantSize, gotSize);
+            at += ref.content + ref.eol;
+            EXPECT_EQ(static_cast<long long>(at), buffered.position());
+        }
+    }
+}
+
+TEST_F(FileTest, LineScansReportTheirPartsAndKeepPositionsWhereDocumented) {
+    put(path("l.txt"), "ab\r\ncd\rx\r");
+    File file(path("l.txt").c_str(), File::TEXT_UTF8);
+    ASSERT_TRUE(file.open(File::OPEN_EXISTING, File::ACCESS_READ));
+    unsigned int content = 0, eol = 0;
+    EXPECT_EQ(0xFFFFFFFFu, file.nextEOLSize());
+    file.seek(2, File::SEEK_FROM_BEGIN);
+    EXPECT_EQ(2u, file.nextEOLSize());
+    EXPECT_EQ(2, file.position());
+    EXPECT_EQ(2, file.findNextLineSize(0, &content, &eol));
+    EXPECT_EQ(0u, content);
+    EXPECT_EQ(2u, eol);
+    EXPECT_EQ(0xFFFFFFFFu, file.nextEOLSize());
+    EXPECT_EQ(0, file.findNextLineSize(0, &content, &eol)) << "the file ends before an LF";
+    EXPECT_EQ(4u, content);
+    EXPECT_EQ(1u, eol);
+    EXPECT_EQ(0u, file.nextEOLSize());
+    char line[8];
+    EXPECT_EQ(File::END_OF_FILE, file.readLine(line, sizeof line, nullptr));
+}
+
+TEST_F(FileTest, SeekKeyRestartsWithoutRetryingTheMismatchingByte) {
+    put(path("k.bin"), "xaaabyyaab");
+    File file(path("k.bin").c_str(), File::TEXT_UTF8);
+    ASSERT_TRUE(file.open(File::OPEN_EXISTING, File::ACCESS_READ));
+    file.seek(1, File::SEEK_FROM_BEGIN);
+    EXPECT_EQ(File::KEY_NOT_FOUND, file.seekKey("aab", 0, 6, 0));
+    EXPECT_EQ(1, file.position());
+    EXPECT_EQ(7, file.seekKey("aab", 0, 100, 0));
+    EXPECT_EQ(7, file.position());
+    EXPECT_EQ(10, file.seekKey("aab", File::FROM_CURRENT, 100, 1));
+    EXPECT_EQ(-1, file.seekKey("", 0, 100, 0));
+}
+
+TEST(FileNameParts, FollowTheirRulesForEveryShapeOfPath) {
+    struct Case {
+        const char* path;
+        const char* name;
+        const char* directory;
+        const char* extension;
+        const char* volume;
+    };
+    const Case cases[] = {
+        {"a/b/c.txt", "c.txt", "a/b", "txt", "a"},
+        {"a/b/", "b", "a", "", "a"},
+        {"/x", "x", "", "", "x"},
+        {"C:\\dir\\a.txt", "a.txt", "C:/dir", "txt", "C:"},
+        {"/mnt/sd/archive", "archive", "/mnt/sd", "", "mnt"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.path);
+        char out[File::PATH_BYTES];
+        ASSERT_TRUE(File::extractFileName(out, sizeof out, c.path, 0));
+        EXPECT_STREQ(c.name, out);
+        ASSERT_TRUE(File::extractDirectoryPath(out, sizeof out, c.path));
+        EXPECT_STREQ(c.directory, out);
+        ASSERT_TRUE(File::extractExtension(out, sizeof out, c.path));
+        EXPECT_STREQ(c.extension, out);
+        ASSERT_TRUE(File::extractVolumeName(out, sizeof out, c.path));
+        EXPECT_STREQ(c.volume, out);
+    }
+    char out[File::PATH_BYTES];
+    EXPECT_TRUE(File::extractFileName(out, sizeof out, "a/c.tar.gz", 1));
+    EXPECT_STREQ("c.tar", out);
+    EXPECT_FALSE(File::extractFileName(out, 5, "a/c.txt", 0)) << "does not fit";
+    const std::string tooLong(File::PATH_BYTES, 'a');
+    for (const char* bad :
+         {"a//b", "a\\/b", "a\\\\b", tooLong.c_str(), static_cast<const char*>(nullptr)}) {
+        EXPECT_FALSE(File::extractFileName(out, sizeof out, bad, 0));
+        EXPECT_FALSE(File::exists(bad));
+    }
+    EXPECT_TRUE(File::extractFileName(out, sizeof out, tooLong.substr(1).c_str(), 0));
+}
+
+TEST_F(FileTest, TreesAreCopiedMovedSizedAndErasedAsDocumented) {
+    ASSERT_TRUE(File::makeDirectories(path("t/a/b").c_str()));
+    EXPECT_TRUE(File::makeDirectories(path("t/a").c_str()));
+    put(path("t/f"), "x");
+    EXPECT_FALSE(File::makeDirectories(path("t/f").c_str()));
+    put(path("t/a/one.txt"), "12345");
+    put(path("t/a/b/two.txt"), "123");
+    EXPECT_EQ(9, File::size(path("t").c_str()));
+
+    EXPECT_FALSE(File::copy(path("t/a/one.txt").c_str(), path("t/f").c_str(), 0));
+    EXPECT_EQ("x", get(path("t/f")));
+    EXPECT_TRUE(File::copy(path("t/a/one.txt").c_str(), path("t/f").c_str(), 1));
+    EXPECT_EQ("12345", get(path("t/f")));
+    EXPECT_TRUE(File::move(path("t/f").c_str(), path("u/v/g").c_str()));
+    EXPECT_EQ("12345", get(path("u/v/g")));
+    EXPECT_EQ(0777, mode(path("u/v")));
+
+    EXPECT_TRUE(File::applyReadOnly(path("t").c_str(), 1));
+    EXPECT_TRUE(File::isReadOnly(path("t/a/b/two.txt").c_str()));
+    EXPECT_TRUE(File::liftReadOnly(path("t/a").c_str(), 1));
+    EXPECT_TRUE(File::applyReadOnly(path("t/a/b/two.txt").c_str(), 0));
+    LogCapture capture;
+    EXPECT_FALSE(File::erase(path("t").c_str(), 0));
+    EXPECT_TRUE(File::exists(path("t/a/b/two.txt").c_str()));
+    EXPECT_FALSE(File::exists(path("t/a/one.txt").c_str()));
+    EXPECT_TRUE(File::erase(path("t").c_str(), 1));
+    EXPECT_FALSE(File::exists(path("t").c_str()));
+    EXPECT_FALSE(File::erase(path("t").c_str(), 1));
+}
+
+}  // namespace
