@@ -15,6 +15,7 @@
 #include "UtlMsgDrivenSharedThread.h"
 #include "UtlMsgDrivenThread.h"
 #include "UtlQueue.h"
+#include "UtlSecureFile.h"
 #include "UtlSharedTimer.h"
 #include "UtlSmartPointer.h"
 #include "UtlString.h"

@@ -32,6 +32,21 @@ void applog(int type, int level, const char* format, ...) __attribute__((format(
 // Logs the formatted message alone, cut to 255 characters ending in "..." when longer.
 void rawlog(int type, int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
+namespace utl {
+class File;
+}  // namespace utl
+
+// As the forms above, and the text that standard output gets (for applog the whole line with its
+// time stamp and CR LF, for rawlog the bare text) is also written into `file` with
+// `File::writeText(text, 5119, 0)`, in the file's own encoding, for every level that passes the
+// filter. The file write comes after syslog and before standard output, outside the output lock:
+// threads that share one File serialise these calls themselves. Its result is not examined. A
+// null `file` makes them the forms above.
+void applog(int type, int level, utl::File* file, const char* format, ...)
+    __attribute__((format(printf, 4, 5)));
+void rawlog(int type, int level, utl::File* file, const char* format, ...)
+    __attribute__((format(printf, 4, 5)));
+
 // Creates the log type `type`, or overwrites its tag and filter level. The tag (at most 31 bytes)
 // is written before the level prefix with no separator of its own. A level above 4 (or negative)
 // becomes 5. False, changing nothing, for a null or too long tag or when the table cannot grow.

@@ -11,6 +11,7 @@
 #include <ctime>
 
 #include "UtlArray.h"
+#include "UtlFile.h"
 #include "UtlLibraryLog.h"
 #include "UtlMemory.h"
 #include "UtlString.h"
@@ -25,6 +26,8 @@ constexpr unsigned int kTagSize = 32;
 constexpr unsigned int kLineSize = 256;
 constexpr unsigned int kTimeSize = 64;
 constexpr unsigned int kBinaryLogChannel = 3;
+// The most bytes File::writeText takes; a composed line is far shorter, so it is written whole.
+constexpr unsigned int kFileTextMax = 5119;
 
 // One log type's settings.
 struct LogTypeData {
@@ -203,17 +206,22 @@ void writeBinaryLog(int level, const char* text) {
     BinaryLogWrite(kBinaryLogChannel, text, static_cast<unsigned int>(std::strlen(text)));
 }
 
-// The sinks in their order; `syslogText` is the part of the line that syslog receives.
-void writeSinks(int level, const char* syslogText, char (&line)[kLineSize], bool addLineEnd) {
+// The sinks in their order; `syslogText` is the part of the line that syslog receives, and
+// `file` (when not null) a caller's file that gets what standard output gets.
+void writeSinks(int level, const char* syslogText, char (&line)[kLineSize], bool addLineEnd,
+                utl::File* file) {
     writeSyslog(level, syslogText);
     if (addLineEnd) {
         appendLineEnd(line);
+    }
+    if (file != nullptr) {
+        file->writeText(line, kFileTextMax, 0);
     }
     writeStandardOutput(level, line);
     writeBinaryLog(level, line);
 }
 
-void logStamped(int type, int level, const char* format, va_list args) {
+void logStamped(int type, int level, utl::File* file, const char* format, va_list args) {
     level = clampLevel(level);
     LogTypeData entry;
     if (!passesFilter(type, level, &entry) || format == nullptr) {
@@ -221,17 +229,17 @@ void logStamped(int type, int level, const char* format, va_list args) {
     }
     char line[kLineSize] = {};
     const std::size_t tag = composeStampedLine(line, entry, level, format, args);
-    writeSinks(level, line + tag, line, true);
+    writeSinks(level, line + tag, line, true, file);
 }
 
-void logRaw(int type, int level, const char* format, va_list args) {
+void logRaw(int type, int level, utl::File* file, const char* format, va_list args) {
     level = clampLevel(level);
     if (!passesFilter(type, level, nullptr) || format == nullptr) {
         return;
     }
     char line[kLineSize] = {};
     composeRawLine(line, format, args);
-    writeSinks(level, line, line, false);
+    writeSinks(level, line, line, false, file);
 }
 
 }  // namespace
@@ -239,14 +247,28 @@ void logRaw(int type, int level, const char* format, va_list args) {
 void applog(int type, int level, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    logStamped(type, level, format, args);
+    logStamped(type, level, nullptr, format, args);
     va_end(args);
 }
 
 void rawlog(int type, int level, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    logRaw(type, level, format, args);
+    logRaw(type, level, nullptr, format, args);
+    va_end(args);
+}
+
+void applog(int type, int level, utl::File* file, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    logStamped(type, level, file, format, args);
+    va_end(args);
+}
+
+void rawlog(int type, int level, utl::File* file, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    logRaw(type, level, file, format, args);
     va_end(args);
 }
 

@@ -14,7 +14,9 @@
 #include <thread>
 #include <vector>
 
+#include "FileTestSupport.h"
 #include "LogCapture.h"
+#include "UtlFile.h"
 
 namespace {
 
@@ -164,6 +166,35 @@ TEST(LogSyslogTest, SyslogReceivesLevelsOneToThreeWithoutStamp) {
         GTEST_SKIP() << "no syslog receiver: a private mount namespace needs root";
     }
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+}  // namespace
+
+namespace {
+
+class LogFileTest : public TempDirTest {};
+
+// A file gets exactly what standard output gets, for every level that passes, in its encoding.
+TEST_F(LogFileTest, FileGetsWhatStandardOutputGets) {
+    const std::string name = path("log.txt");
+    utl::File file(name.c_str(), utl::File::TEXT_UTF8);
+    ASSERT_TRUE(file.open(utl::File::OPEN_TRUNCATE, utl::File::ACCESS_WRITE));
+    OutputCapture out;
+    applog(-2, 1, &file, "%s %d", "first", 1);
+    applog(-2, 5, &file, "%s", "filtered out");
+    rawlog(-2, 4, &file, "raw %d", 2);
+    const std::string printed = out.text();
+    applog(-2, 1, static_cast<utl::File*>(nullptr), "%s", "no file");
+    file.close();
+    EXPECT_EQ(get(name), printed);
+    EXPECT_TRUE(isStamped(printed.substr(0, printed.find('\n') + 1), "<UTIL> ERR: first 1\r\n"));
+    EXPECT_EQ(printed.substr(printed.find('\n') + 1), "raw 2");
+
+    utl::File wide(path("wide.txt").c_str(), utl::File::TEXT_UTF16LE);
+    ASSERT_TRUE(wide.open(utl::File::OPEN_TRUNCATE, utl::File::ACCESS_WRITE));
+    rawlog(-2, 1, &wide, "%s", "\xC3\xA9!");
+    wide.close();
+    EXPECT_EQ(get(path("wide.txt")), std::string("\xE9\0!\0", 4));
 }
 
 }  // namespace
