@@ -17,6 +17,7 @@
 
 #include <cstdint>
 
+#include "UtlArray.h"
 #include "UtlSmartPointer.h"
 #include "UtlString.h"
 
@@ -225,6 +226,15 @@ class File {
     // Creates `path` and its missing ancestors with mode 0777; true when it already is a
     // directory (also when another process creates it at the same time).
     static bool makeDirectories(const char* path);
+    // Appends to `out` the entries of the directory `path` as "path/name", in the order the
+    // directory yields them: `kind` 0 files only, 1 directories only, 2 both (by the entry's
+    // type); with a non-null `extension` only files with that extension (any case) and
+    // directories; at most `maxCount` (0: all). A `path` that is not a directory may end in a
+    // pattern ("logs/*.txt", any of *?[] in its last component, matched with fnmatch): its
+    // directory is listed and only matching names are taken. The count appended, or -1 for a
+    // null or invalid argument, a directory that cannot be read or an append that fails.
+    static int children(const char* path, Array<BasicString<char>>* out, int kind,
+                        const char* extension, unsigned int maxCount);
     // chmod 0555 / 0777 (logged on failure); recursive: a directory before its contents.
     static bool applyReadOnly(const char* path, int recursive);
     static bool liftReadOnly(const char* path, int recursive);
@@ -256,6 +266,8 @@ class File {
     bool isDirectory() const;
     bool isReadOnly() const;
     bool makeDirectories();
+    int children(Array<BasicString<char>>* out, int kind, const char* extension,
+                 unsigned int maxCount) const;
     bool applyReadOnly(int recursive);
     bool liftReadOnly(int recursive);
     bool move(const char* destination);

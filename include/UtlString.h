@@ -256,6 +256,8 @@ class BasicString<char> {
     // The shared empty text, narrow and wide, that strings of size 1 point at.
     static const DualType<const char*, const wchar_t*> EMPTY_STR;
 
+    // The empty text, auto-extending, allocating nothing yet (the element of a string array).
+    BasicString() : BasicString(1, 1) {}
     // The empty text in a zeroed buffer of `size` bytes (1 if 0).
     BasicString(unsigned int size, int autoExtend);
     // `s` (null: the empty text) in a buffer of max(strlen(s) + 1, `size`) bytes (at least 1).

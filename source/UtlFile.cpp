@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <fnmatch.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -128,11 +129,12 @@ bool statPath(const char* operation, unsigned int line, const char* path, struct
 }
 
 constexpr int kVisitFail = -1;
+constexpr int kVisitStop = 0;
 constexpr int kVisitGoOn = 1;
 
 // Calls `visit(fullPath, isDirectoryEntry)` for the entries of `directory` other than "." and
-// ".."; `visit` returns kVisitGoOn, or kVisitFail to stop.
-// False when the directory cannot be read or `visit` stopped.
+// ".."; `visit` returns kVisitGoOn, kVisitStop to end the listing, or kVisitFail to end it in
+// failure. False when the directory cannot be read or `visit` failed.
 template <class Visit>
 bool forEachEntry(const char* directory, Visit visit) {
     DIR* dir = UTL_FILE_CALL("children", opendir(directory));
@@ -151,8 +153,9 @@ bool forEachEntry(const char* directory, Visit visit) {
         }
         char full[kPathBytes + sizeof(entry->d_name) + 1];
         std::snprintf(full, sizeof(full), "%s/%s", directory, name);
-        if (visit(full, entry->d_type == DT_DIR) == kVisitFail) {
-            ok = false;
+        const int next = visit(full, entry->d_type == DT_DIR);
+        if (next != kVisitGoOn) {
+            ok = next == kVisitStop;
             break;
         }
     }
@@ -1243,6 +1246,55 @@ bool changeTree(const char* path, int recursive, int mode, const char* operation
 
 }  // namespace
 
+namespace {
+
+// A path that is no directory may end in a pattern: `work` keeps the directory to list and
+// `pattern` receives the last component. False when it has none.
+bool splitPattern(char (&work)[kPathBytes], char (&pattern)[kPathBytes]) {
+    char* slash = std::strrchr(work, '/');
+    const char* last = slash != nullptr ? slash + 1 : work;
+    if (std::strpbrk(last, "*?[]") == nullptr || slash == nullptr) {
+        return false;
+    }
+    std::memcpy(pattern, last, std::strlen(last) + 1);
+    *slash = '\0';
+    return true;
+}
+
+bool hasExtension(const char* entry, const char* extension) {
+    char found[kPathBytes];
+    return File::extractExtension(found, sizeof found, entry) &&
+           compareStrNoCase(found, extension, ~0u) == 0;
+}
+
+}  // namespace
+
+// static
+int File::children(const char* path, Array<BasicString<char>>* out, int kind, const char* extension,
+                   unsigned int maxCount) {
+    char work[kPathBytes];
+    char pattern[kPathBytes] = "";
+    if (out == nullptr || !normalizePath(work, path) ||
+        (!isDirectory(work) && !splitPattern(work, pattern))) {
+        return -1;
+    }
+    unsigned int count = 0;
+    const bool listed = forEachEntry(work, [&](const char* entry, bool isDirectoryEntry) {
+        const char* name = std::strrchr(entry, '/') + 1;
+        if ((kind == 0 && isDirectoryEntry) || (kind == 1 && !isDirectoryEntry) ||
+            (!isDirectoryEntry && extension != nullptr && !hasExtension(entry, extension)) ||
+            (pattern[0] != '\0' && fnmatch(pattern, name, FNM_NOESCAPE) != 0)) {
+            return kVisitGoOn;
+        }
+        if (!out->insertAt(out->getCount(), BasicString<char>(entry, 0, 1))) {
+            return kVisitFail;
+        }
+        ++count;
+        return maxCount != 0 && count >= maxCount ? kVisitStop : kVisitGoOn;
+    });
+    return listed ? static_cast<int>(count) : -1;
+}
+
 // static
 bool File::applyReadOnly(const char* path, int recursive) {
     char work[kPathBytes];
@@ -1446,6 +1498,11 @@ bool File::isReadOnly() const {
 
 bool File::makeDirectories() {
     return makeDirectories(mPath.c_str());
+}
+
+int File::children(Array<BasicString<char>>* out, int kind, const char* extension,
+                   unsigned int maxCount) const {
+    return children(mPath.c_str(), out, kind, extension, maxCount);
 }
 
 bool File::applyReadOnly(int recursive) {

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <ftw.h>
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -471,6 +472,57 @@ TEST_F(FileTest, TreesAreCopiedMovedSizedAndErasedAsDocumented) {
     EXPECT_TRUE(File::erase(path("t").c_str(), 1));
     EXPECT_FALSE(File::exists(path("t").c_str()));
     EXPECT_FALSE(File::erase(path("t").c_str(), 1));
+}
+
+}  // namespace
+
+namespace {
+
+std::vector<std::string> sorted(const utl::Array<utl::BasicString<char>>& list) {
+    std::vector<std::string> names;
+    for (unsigned int i = 0; i < list.getCount(); ++i) {
+        names.push_back(list.getAt(i).c_str());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+TEST_F(FileTest, ChildrenListByKindExtensionPatternAndCount) {
+    const std::string dir = path("d");
+    ASSERT_TRUE(File::makeDirectories((dir + "/sub").c_str()));
+    for (const char* name : {"a.log", "b.txt", "c.LOG"}) {
+        put(dir + "/" + name, "x");
+    }
+    const struct {
+        std::string path;
+        int kind;
+        const char* extension;
+        unsigned int maxCount;
+        std::vector<std::string> expected;
+    } cases[] = {
+        {dir, 2, nullptr, 0, {"a.log", "b.txt", "c.LOG", "sub"}},
+        {dir, 0, nullptr, 0, {"a.log", "b.txt", "c.LOG"}},
+        {dir, 1, nullptr, 0, {"sub"}},
+        {dir, 2, "log", 0, {"a.log", "c.LOG", "sub"}},
+        {dir + "/*.log", 2, nullptr, 0, {"a.log"}},
+        {dir + "/[ab]*", 0, "TXT", 0, {"b.txt"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
+        utl::Array<utl::BasicString<char>> list(0, 1);
+        ASSERT_EQ(File::children(c.path.c_str(), &list, c.kind, c.extension, c.maxCount),
+                  static_cast<int>(c.expected.size()));
+        std::vector<std::string> expected;
+        for (const std::string& name : c.expected) {
+            expected.push_back(dir + "/" + name);
+        }
+        EXPECT_EQ(sorted(list), expected);
+    }
+    utl::Array<utl::BasicString<char>> list(0, 1);
+    EXPECT_EQ(File(dir.c_str(), File::TEXT_UTF8).children(&list, 2, nullptr, 1), 1);
+    EXPECT_EQ(File::children(path("missing").c_str(), &list, 2, nullptr, 0), -1);
+    EXPECT_EQ(File::children((dir + "/a.log").c_str(), &list, 2, nullptr, 0), -1);
+    EXPECT_EQ(File::children(dir.c_str(), nullptr, 2, nullptr, 0), -1);
 }
 
 }  // namespace
