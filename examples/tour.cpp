@@ -1,11 +1,15 @@
 // A short tour of utl: a sorted map of fixed capacity, a bit stream packing header fields, text
 // conversion, logging, an event that one thread waits on with a timeout, a message thread that
 // receives a posted, a synchronous and a timer message, the watchdog catching a stuck thread, a
-// shared message thread serving two listeners, a Timer, an HTTP date read back, and a memory
-// pool.
+// shared message thread serving two listeners, a Timer, an HTTP date read back, a memory pool,
+// and files: a UTF-16 text file written and read back line by line, a directory listing and a
+// log copied into a file.
 #include <Utl.h>
 
+#include <stdlib.h>
+
 #include <cstdio>
+#include <string>
 #include <thread>
 
 namespace {
@@ -214,6 +218,44 @@ void showMemoryPool() {
     pool.release(second);
 }
 
+void showFiles() {
+    std::printf("-- File: UTF-16 text written and read back by line, a listing, a log file\n");
+    char base[] = "/tmp/utl-tour.XXXXXX";
+    if (mkdtemp(base) == nullptr) {
+        return;
+    }
+    const std::string dir = base;
+    const std::string poem = dir + "/poem.txt";
+    utl::File out(poem.c_str(), utl::File::TEXT_UTF16LE);
+    if (out.open(utl::File::OPEN_TRUNCATE, utl::File::ACCESS_WRITE)) {
+        utl::File::AutoClose closer(out);
+        out.writeLine("\xE5\x8F\xA4\xE6\xB1\xA0\xE3\x82\x84");  // furuike ya
+        out.writeLine("frog jumps in");
+    }
+    std::printf("  %lld bytes of UTF-16LE\n", utl::File::size(poem.c_str()));
+    utl::File in(poem.c_str(), utl::File::TEXT_UTF16LE);
+    if (in.open(utl::File::OPEN_EXISTING, utl::File::ACCESS_READ)) {
+        char line[64];
+        while (in.readLine(line, sizeof line, nullptr) > 0) {
+            std::printf("  line: %s\n", line);
+        }
+        in.close();
+    }
+    utl::File log((dir + "/tour.log").c_str(), utl::File::TEXT_UTF8);
+    if (log.open(utl::File::OPEN_TRUNCATE, utl::File::ACCESS_WRITE)) {
+        applog(100, 3, &log, "this line also goes into %s", "tour.log");
+        log.close();
+    }
+    utl::Array<utl::BasicString<char>> entries(0, 1);
+    const int count = utl::File::children(dir.c_str(), &entries, 0, nullptr, 0);
+    std::printf("  %d files in the directory:\n", count);
+    for (unsigned int i = 0; i < entries.getCount(); ++i) {
+        std::printf("    %s, %lld bytes\n", entries.getAt(i).c_str(),
+                    utl::File::size(entries.getAt(i).c_str()));
+    }
+    utl::File::erase(dir.c_str(), 1);
+}
+
 }  // namespace
 
 int main() {
@@ -227,5 +269,6 @@ int main() {
     showTimer();
     showHttpDate();
     showMemoryPool();
+    showFiles();
     return 0;
 }
