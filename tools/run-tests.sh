@@ -10,7 +10,7 @@ source tools/common.sh
 
 utl_require_packages cmake ninja-build g++ pkg-config libgtest-dev googletest libbenchmark-dev \
     g++-arm-linux-gnueabihf qemu-user clang-format clang libclang-rt-dev python3 \
-    libcurl4-openssl-dev || exit 1
+    libcurl4-openssl-dev sox || exit 1
 
 jobs=$(utl_jobs)
 results=()
