@@ -2,12 +2,14 @@
 // conversion, logging, an event that one thread waits on with a timeout, a message thread that
 // receives a posted, a synchronous and a timer message, the watchdog catching a stuck thread, a
 // shared message thread serving two listeners, a Timer, an HTTP date read back, a memory pool,
-// and files: a UTF-16 text file written and read back line by line, a directory listing and a
-// log copied into a file.
+// files: a UTF-16 text file written and read back line by line, a directory listing and a log
+// copied into a file, and a one-second sine written as a WAVE file and its format read back.
 #include <Utl.h>
 
 #include <stdlib.h>
 
+#include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <thread>
@@ -256,6 +258,38 @@ void showFiles() {
     utl::File::erase(dir.c_str(), 1);
 }
 
+void showWaveFile() {
+    std::printf("-- WaveFile: one second of a 440 Hz sine, written and its format read back\n");
+    char base[] = "/tmp/utl-tour.XXXXXX";
+    if (mkdtemp(base) == nullptr) {
+        return;
+    }
+    const std::string name = std::string(base) + "/a440.wav";
+    constexpr unsigned int kRate = 8000;
+    {
+        utl::WaveFile out(name.c_str());
+        if (out.open(1, 1) == 0 && out.setFmtChunkData(kRate, 1, 16, 1) && out.openSubChunk(0, 1)) {
+            for (unsigned int i = 0; i < kRate; ++i) {
+                const double phase = 2 * 3.141592653589793 * 440 * i / kRate;
+                const int16_t sample = static_cast<int16_t>(12000 * std::sin(phase));
+                const unsigned char bytes[2] = {static_cast<unsigned char>(sample & 0xFF),
+                                                static_cast<unsigned char>((sample >> 8) & 0xFF)};
+                out.write(bytes, sizeof bytes);
+            }
+            out.closeSubChunk();
+        }
+        out.close();
+    }
+    utl::WaveFile in(name.c_str());
+    if (in.open(0, 0) == 0) {
+        std::printf("  %u Hz, %u channel(s), %u bits, %lld bytes of samples\n",
+                    in.getSamplingRate(), in.getChannel(), in.getBitsWidth(),
+                    in.getChunkDataSize(1));
+        in.close();
+    }
+    utl::File::erase(base, 1);
+}
+
 }  // namespace
 
 int main() {
@@ -270,5 +304,6 @@ int main() {
     showHttpDate();
     showMemoryPool();
     showFiles();
+    showWaveFile();
     return 0;
 }

@@ -15,6 +15,7 @@
 #include "UtlMsgDrivenSharedThread.h"
 #include "UtlMsgDrivenThread.h"
 #include "UtlQueue.h"
+#include "UtlRiffFile.h"
 #include "UtlSecureFile.h"
 #include "UtlSharedTimer.h"
 #include "UtlSmartPointer.h"
@@ -24,5 +25,6 @@
 #include "UtlThreadWatchdog.h"
 #include "UtlTimeCounter.h"
 #include "UtlTimepiece.h"
+#include "UtlWaveFile.h"
 
 #endif  // UTL_H

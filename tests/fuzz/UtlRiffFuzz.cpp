@@ -1,0 +1,101 @@
+// Arbitrary bytes opened as a RIFF file and as a WAVE file. Every sub-chunk the RIFF file lists is
+// opened and read to its end, and the WAVE file's data is read to its end: no read may return
+// more than the file holds, and the walks must end (a zero or huge size included).
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+
+#include "UtlRiffFile.h"
+#include "UtlWaveFile.h"
+
+namespace {
+
+using utl::RiffFile;
+using utl::SubChunkInfo;
+using utl::WaveFile;
+
+#define REQUIRE(condition) ((condition) ? void() : std::abort())
+
+constexpr unsigned int kMaxListed = 64;
+
+// One scratch file for the whole run, in a fresh directory under TMPDIR or /tmp that is removed
+// at exit.
+char gScratchDir[4096];
+char gScratchPath[4096 + 8];
+
+const char* scratchPath() {
+    if (gScratchPath[0] == '\0') {
+        const char* base = std::getenv("TMPDIR");
+        std::snprintf(gScratchDir, sizeof gScratchDir, "%s/utlrifffuzz.XXXXXX",
+                      base != nullptr ? base : "/tmp");
+        REQUIRE(mkdtemp(gScratchDir) != nullptr);
+        std::snprintf(gScratchPath, sizeof gScratchPath, "%s/input.wav", gScratchDir);
+        std::atexit([] {
+            unlink(gScratchPath);
+            rmdir(gScratchDir);
+        });
+    }
+    return gScratchPath;
+}
+
+// Reads the open sub-chunk to its end; the total never exceeds the bytes of the file.
+template <typename Reader>
+void readToEnd(Reader& reader, std::size_t fileSize) {
+    unsigned char buffer[512];
+    std::size_t total = 0;
+    int got;
+    while ((got = reader.read(buffer, sizeof buffer)) > 0) {
+        REQUIRE(static_cast<unsigned int>(got) <= sizeof buffer);
+        total += static_cast<std::size_t>(got);
+        REQUIRE(total <= fileSize);
+    }
+    REQUIRE(got == -4 || got == -1);
+}
+
+void fuzzRiff(std::size_t size) {
+    RiffFile riff(scratchPath(), 16);
+    if (riff.open(0, 0) != RiffFile::OPEN_SUCCESS) {
+        REQUIRE(!riff.isOpened());
+        return;
+    }
+    const unsigned int count = riff.getSubChunkNumber();
+    // Every header takes 8 bytes after the 12-byte file header.
+    REQUIRE(count <= size / 8);
+    SubChunkInfo list[kMaxListed];
+    const int listed = riff.getSubChunkInfoList(list, kMaxListed);
+    REQUIRE(listed < 0 || static_cast<unsigned int>(listed) == count);
+    for (unsigned int number = 0; number < count; ++number) {
+        if (riff.openSubChunk(number, 0)) {
+            readToEnd(riff, size);
+            REQUIRE(riff.closeSubChunk());
+        }
+    }
+    riff.close();
+}
+
+void fuzzWave(std::size_t size) {
+    WaveFile wave(scratchPath());
+    if (wave.open(0, 0) != WaveFile::OPEN_OK) {
+        REQUIRE(!wave.isOpened());
+        return;
+    }
+    REQUIRE(wave.getChunkDataSize(WaveFile::CHUNK_FMT) >= WaveFile::FMT_BYTES);
+    REQUIRE(wave.openSubChunk(0, WaveFile::CHUNK_DATA));
+    readToEnd(wave, size);
+    wave.close();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
+    FILE* out = std::fopen(scratchPath(), "wb");
+    REQUIRE(out != nullptr);
+    REQUIRE(std::fwrite(data, 1, size, out) == size);
+    std::fclose(out);
+    fuzzRiff(size);
+    fuzzWave(size);
+    return 0;
+}
