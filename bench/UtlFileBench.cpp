@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+#include "BenchTempDir.h"
+
 namespace {
 
 using utl::File;
@@ -25,34 +27,12 @@ constexpr std::size_t kLineBytes = 80;
 constexpr std::size_t kBlockBytes = 64u << 10;
 constexpr int kBlocks = 64;
 
-// The temporary directory of the run; it and the files made in it are removed at exit.
-std::vector<std::string> gMadeFiles;
-std::string gBenchDir;
-
 const std::string& benchDir() {
-    static const std::string dir = [] {
-        const char* base = std::getenv("TMPDIR");
-        std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/utlfilebench.XXXXXX";
-        if (mkdtemp(&pattern[0]) == nullptr) {
-            return std::string();
-        }
-        gBenchDir = pattern;
-        std::atexit([] {
-            for (const std::string& file : gMadeFiles) {
-                unlink(file.c_str());
-            }
-            rmdir((gBenchDir + "/out").c_str());
-            rmdir(gBenchDir.c_str());
-        });
-        return pattern;
-    }();
-    return dir;
+    return utl_bench::benchTempDir("utlfilebench");
 }
 
 std::string madeFile(const std::string& name) {
-    const std::string path = benchDir() + "/" + name;
-    gMadeFiles.push_back(path);
-    return path;
+    return benchDir() + "/" + name;
 }
 
 // Lines of 79 bytes plus LF, mixing ASCII with hiragana so that every encoding converts.

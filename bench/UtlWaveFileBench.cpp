@@ -12,8 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "UtlFile.h"
-
+#include "BenchTempDir.h"
 #include "UtlFile.h"
 
 namespace {
@@ -26,26 +25,8 @@ constexpr int kBlocks = 1024;  // 64 MiB
 // "data" header), so that both sides move the same bytes at the same page alignment.
 constexpr std::size_t kWaveHeaderBytes = 12 + 8 + 16 + 8;
 
-// The temporary directory of the run; it and its two files are removed at exit.
-std::string gBenchDir;
-
 const std::string& benchDir() {
-    static const std::string dir = [] {
-        const char* base = std::getenv("TMPDIR");
-        std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/utlwavebench.XXXXXX";
-        if (mkdtemp(&pattern[0]) == nullptr) {
-            return std::string();
-        }
-        gBenchDir = pattern;
-        std::atexit([] {
-            unlink((gBenchDir + "/out/wave.wav").c_str());
-            unlink((gBenchDir + "/out/plain.bin").c_str());
-            rmdir((gBenchDir + "/out").c_str());
-            rmdir(gBenchDir.c_str());
-        });
-        return pattern;
-    }();
-    return dir;
+    return utl_bench::benchTempDir("utlwavebench");
 }
 
 // The files sit in a directory made by File::makeDirectories, open to everybody as the library

@@ -23,6 +23,20 @@
 
 namespace utl {
 
+// Calls close() on a file object when it leaves scope. Each file class names its guard
+// AutoClose (`utl::File::AutoClose closer(file);`).
+template <class Closable>
+class AutoCloseGuard {
+  public:
+    explicit AutoCloseGuard(Closable& file) : mFile(file) {}
+    virtual ~AutoCloseGuard() { mFile.close(); }
+    AutoCloseGuard(const AutoCloseGuard&) = delete;
+    AutoCloseGuard& operator=(const AutoCloseGuard&) = delete;
+
+  private:
+    Closable& mFile;
+};
+
 // A file addressed by a path, opened under an advisory whole-file lock.
 //
 // Paths use "/" (a backslash is taken as a slash), are at most 259 bytes long and never hold two
@@ -75,16 +89,7 @@ class File {
     static constexpr unsigned int BUFFER_BYTES = 16384;
 
     // Calls close() on the file when it leaves scope.
-    class AutoClose {
-      public:
-        explicit AutoClose(File& file) : mFile(file) {}
-        virtual ~AutoClose() { mFile.close(); }
-        AutoClose(const AutoClose&) = delete;
-        AutoClose& operator=(const AutoClose&) = delete;
-
-      private:
-        File& mFile;
-    };
+    using AutoClose = AutoCloseGuard<File>;
 
     // Stores `path` (null: empty) with backslashes turned into slashes and the text type (not
     // checked here). Opens nothing.

@@ -57,16 +57,7 @@ class RiffFile {
     static constexpr unsigned int HEADER_BYTES = 12;
 
     // Calls close() on the file when it leaves scope.
-    class AutoClose {
-      public:
-        explicit AutoClose(RiffFile& file) : mFile(file) {}
-        virtual ~AutoClose() { mFile.close(); }
-        AutoClose(const AutoClose&) = delete;
-        AutoClose& operator=(const AutoClose&) = delete;
-
-      private:
-        RiffFile& mFile;
-    };
+    using AutoClose = AutoCloseGuard<RiffFile>;
 
     // Stores the path (text type 1) and makes an index with room for `indexCapacity` sub-chunks
     // that grows exactly as needed beyond that. Opens nothing.

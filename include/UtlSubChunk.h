@@ -67,16 +67,7 @@ class SubChunk {
     static constexpr unsigned int ID_BYTES = 4;
 
     // Calls close() on the cursor when it leaves scope.
-    class AutoClose {
-      public:
-        explicit AutoClose(SubChunk& chunk) : mChunk(chunk) {}
-        virtual ~AutoClose() { mChunk.close(); }
-        AutoClose(const AutoClose&) = delete;
-        AutoClose& operator=(const AutoClose&) = delete;
-
-      private:
-        SubChunk& mChunk;
-    };
+    using AutoClose = AutoCloseGuard<SubChunk>;
 
     // Closed, with everything zero.
     SubChunk();

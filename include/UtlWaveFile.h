@@ -56,16 +56,7 @@ class WaveFile {
     static constexpr unsigned int FMT_BYTES = 16;
 
     // Calls close() on the wave file when it leaves scope.
-    class AutoClose {
-      public:
-        explicit AutoClose(WaveFile& file) : mFile(file) {}
-        virtual ~AutoClose() { mFile.close(); }
-        AutoClose(const AutoClose&) = delete;
-        AutoClose& operator=(const AutoClose&) = delete;
-
-      private:
-        WaveFile& mFile;
-    };
+    using AutoClose = AutoCloseGuard<WaveFile>;
 
     // Opens nothing; the format fields start at 0.
     explicit WaveFile(const char* path);

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <string>
 
+#include "FuzzScratchFile.h"
 #include "UtlFile.h"
 
 namespace {
@@ -19,24 +20,8 @@ using utl::File;
 
 #define REQUIRE(condition) ((condition) ? void() : std::abort())
 
-// One scratch file for the whole run, in a fresh directory under TMPDIR or /tmp that is removed
-// at exit.
-char gScratchDir[4096];
-char gScratchPath[4096 + 8];
-
 const char* scratchPath() {
-    if (gScratchPath[0] == '\0') {
-        const char* base = std::getenv("TMPDIR");
-        std::snprintf(gScratchDir, sizeof gScratchDir, "%s/utlfilefuzz.XXXXXX",
-                      base != nullptr ? base : "/tmp");
-        REQUIRE(mkdtemp(gScratchDir) != nullptr);
-        std::snprintf(gScratchPath, sizeof gScratchPath, "%s/input", gScratchDir);
-        std::atexit([] {
-            unlink(gScratchPath);
-            rmdir(gScratchDir);
-        });
-    }
-    return gScratchPath;
+    return fuzzScratchPath("utlfilefuzz", "input");
 }
 
 void fuzzLines(int textType, const uint8_t* data, std::size_t size) {

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "FuzzScratchFile.h"
 #include "UtlRiffFile.h"
 #include "UtlWaveFile.h"
 
@@ -21,24 +22,8 @@ using utl::WaveFile;
 
 constexpr unsigned int kMaxListed = 64;
 
-// One scratch file for the whole run, in a fresh directory under TMPDIR or /tmp that is removed
-// at exit.
-char gScratchDir[4096];
-char gScratchPath[4096 + 8];
-
 const char* scratchPath() {
-    if (gScratchPath[0] == '\0') {
-        const char* base = std::getenv("TMPDIR");
-        std::snprintf(gScratchDir, sizeof gScratchDir, "%s/utlrifffuzz.XXXXXX",
-                      base != nullptr ? base : "/tmp");
-        REQUIRE(mkdtemp(gScratchDir) != nullptr);
-        std::snprintf(gScratchPath, sizeof gScratchPath, "%s/input.wav", gScratchDir);
-        std::atexit([] {
-            unlink(gScratchPath);
-            rmdir(gScratchDir);
-        });
-    }
-    return gScratchPath;
+    return fuzzScratchPath("utlrifffuzz", "input.wav");
 }
 
 // Reads the open sub-chunk to its end; the total never exceeds the bytes of the file.
