@@ -14,9 +14,10 @@
 // 4 detail "DTL: ", 5 debug "DBG: "; any other level counts as 5. A message passes when its
 // level is not 0 and at most the type's filter level. It then goes, in this order, to syslog
 // (levels 1-3 as LOG_ERR, LOG_WARNING, LOG_INFO, without the time stamp), to standard output with
-// printf (levels 1-5) and to BinaryLogWrite channel 3 (levels 1-3). The text is handed to syslog
-// and printf as their format, so a "%" inside a message is interpreted once more by them ("%%"
-// prints "%"); callers rely on this.
+// printf (levels 1-5) and to BinaryLogWrite channel 3 (levels 1-3). Syslog and standard output
+// show the line as printf would with the line as its format: a "%%" inside the composed line
+// (from the format's "%%%%" or from an argument) shows as "%", which callers rely on; any other
+// "%" is shown as it stands, never read as a conversion. The binary log gets the line unchanged.
 //
 // Every function may be called from any thread. Lines are composed on the caller's stack (no
 // heap allocation per message); each sink is written under one process-wide output lock, so a

@@ -168,35 +168,40 @@ void appendLineEnd(char (&line)[kLineSize]) {
     utl::copyStrBase(line + length, 3, "\r\n", ~0u, 1);
 }
 
-// The sinks pass the text as the format of syslog and printf: a "%" inside a message is
-// interpreted by them once more, which callers rely on.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-security"
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+// Syslog and standard output show a line as printf would with the line as its format and no
+// arguments where that is defined: "%%" shows as "%", which callers rely on. Any other "%" is
+// shown as it stands: as a format it would read arguments that do not exist.
+void collapsePercents(const char* text, char (&shown)[kLineSize]) {
+    unsigned int out = 0;
+    for (const char* in = text; *in != '\0' && out < kLineSize - 1; ++in) {
+        shown[out++] = *in;
+        if (in[0] == '%' && in[1] == '%') {
+            ++in;
+        }
+    }
+    shown[out] = '\0';
+}
 
 void writeSyslog(int level, const char* text) {
     static const int kPriorities[] = {0, LOG_ERR, LOG_WARNING, LOG_INFO};
     if (text == nullptr || level < 1 || level > 3) {
         return;
     }
+    char shown[kLineSize];
+    collapsePercents(text, shown);
     utl::SyncGuard guard(state().mOutputLock);
-    syslog(kPriorities[level], text);
+    syslog(kPriorities[level], "%s", shown);
 }
 
 void writeStandardOutput(int level, const char* text) {
     if (text == nullptr || level < 1) {
         return;
     }
+    char shown[kLineSize];
+    collapsePercents(text, shown);
     utl::SyncGuard guard(state().mOutputLock);
-    // Without a "%" printf would copy the text as it is: fputs does the same, much faster.
-    if (std::strchr(text, '%') == nullptr) {
-        std::fputs(text, stdout);
-    } else {
-        std::printf(text);
-    }
+    std::fputs(shown, stdout);
 }
-
-#pragma GCC diagnostic pop
 
 void writeBinaryLog(int level, const char* text) {
     if (text == nullptr || text[0] == '\0' || level < 1 || level > 3) {

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <ctime>
 #include <regex>
 #include <string>
@@ -76,6 +77,35 @@ TEST_F(LogLevelsTest, LongLinesAreCutWithAnEllipsisAndPrintfInterpretsTheTextOnc
     EXPECT_TRUE(lines[0].size() == 253 && lines[0].substr(250) == "...") << lines[0];
     EXPECT_EQ(lines[1], std::string(252, 'x') + "...");
     EXPECT_EQ(lines[2], "100%%");
+}
+
+// Caller data with conversions in it is shown as it stands: only "%%" becomes "%".
+TEST_F(LogLevelsTest, PercentSequencesFromArgumentsNeverReadArguments) {
+    const struct {
+        const char* argument;
+        const char* shown;
+    } cases[] = {
+        {"%s%s%s%s%s%s%s%s", "%s%s%s%s%s%s%s%s"},
+        {"%n", "%n"},
+        {"%08x", "%08x"},
+        {"50%%", "50%"},
+        {"end%", "end%"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.argument);
+        OutputCapture out;
+        LogCapture binary;
+        rawlog(-2, 1, "%s", c.argument);
+        applog(-2, 1, "received name: %s", c.argument);
+        const std::string text = out.text();
+        const std::size_t shownLength = std::strlen(c.shown);
+        EXPECT_EQ(text.substr(0, shownLength), c.shown);
+        EXPECT_TRUE(isStamped(text.substr(shownLength),
+                              std::string("<UTIL> ERR: received name: ") + c.shown + "\r\n"))
+            << text;
+        ASSERT_EQ(binary.lines().size(), 2u);
+        EXPECT_EQ(binary.lines()[0], c.argument);
+    }
 }
 
 TEST_F(LogLevelsTest, TypesAreRegisteredOverwrittenAndFiltered) {
