@@ -17,6 +17,7 @@
 #include <cassert>
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 #include "UtlMemory.h"
 
@@ -82,6 +83,7 @@ class RingArray {
         const unsigned int first = n < mCapacity - head ? n : mCapacity - head;
         std::copy(mBuffer + head, mBuffer + head + first, out);
         std::copy(mBuffer, mBuffer + (n - first), out + first);
+        vacate(0, n);
         if (n > 0) {
             mHead = static_cast<int32_t>(physicalIndex(n == mCapacity ? 0 : n));
             mCount -= n;
@@ -112,6 +114,7 @@ class RingArray {
         if (out != nullptr) {
             *out = at(0);
         }
+        vacate(0, 1);
         mHead = static_cast<int32_t>(physicalIndex(1));
         --mCount;
         return true;
@@ -134,6 +137,7 @@ class RingArray {
         for (unsigned int i = k + n; i < mCount; ++i) {
             at(i - n) = at(i);
         }
+        vacate(mCount - n, n);
         mCount -= n;
         return n;
     }
@@ -143,12 +147,14 @@ class RingArray {
         if (n == 0 || n > mCount) {
             return false;
         }
+        vacate(mCount - n, n);
         mCount -= n;
         return true;
     }
 
     // Empties the ring and moves the head back to the first slot.
     void reset() {
+        vacate(0, mCount);
         mCount = 0;
         mHead = 0;
     }
@@ -159,6 +165,17 @@ class RingArray {
     bool isFull() const { return mCount == mCapacity; }
 
   private:
+    // Gives the slots of logical positions [from, from + n) a default value, so that an element
+    // that left the ring (and whatever it holds, such as a counted pointer) is released now, not
+    // when its slot is next overwritten. Nothing to do for trivially destructible elements.
+    void vacate(unsigned int from, unsigned int n) {
+        if constexpr (!std::is_trivially_destructible<T>::value) {
+            for (unsigned int i = from; i < from + n; ++i) {
+                slot(i) = T();
+            }
+        }
+    }
+
     // Null for a capacity the signed head cannot index, besides the cases of allocateElements.
     static T* allocate(unsigned int capacity) {
         return capacity > INT32_MAX ? nullptr : detail::allocateElements<T>(capacity);

@@ -4,7 +4,11 @@
 
 #include <algorithm>
 #include <deque>
+#include <memory>
 #include <random>
+#include <vector>
+
+#include "UtlArray.h"
 
 namespace {
 
@@ -96,6 +100,48 @@ TEST(QueueTest, MatchesDequeModelThroughManyWrapArounds) {
             ASSERT_EQ(queue.at(i), model[i]) << "at " << i;
         }
     }
+}
+
+}  // namespace
+
+namespace {
+
+// Elements that leave a container are released at once: a counted pointer held in a vacated slot
+// would otherwise keep its object (an open file, say) alive until the slot is overwritten.
+TEST(QueueVacatedSlotTest, ElementsLeavingAreReleasedAtOnce) {
+    const auto alive = [](const std::vector<std::shared_ptr<int>>& held) {
+        int count = 0;
+        for (const auto& p : held) {
+            count += p.use_count() > 1 ? 1 : 0;
+        }
+        return count;
+    };
+    std::vector<std::shared_ptr<int>> held;
+    for (int i = 0; i < 6; ++i) {
+        held.push_back(std::make_shared<int>(i));
+    }
+    utl::Queue<std::shared_ptr<int>> queue(8);
+    for (const auto& p : held) {
+        ASSERT_TRUE(queue.push(p));
+    }
+    ASSERT_TRUE(queue.pop());
+    EXPECT_EQ(alive(held), 5);
+    std::shared_ptr<int> out[2];
+    ASSERT_TRUE(queue.popBlock(out, 2));
+    out[0].reset();
+    out[1].reset();
+    EXPECT_EQ(alive(held), 3);
+    ASSERT_TRUE(queue.eraseAt(0));
+    EXPECT_EQ(alive(held), 2);
+    ASSERT_TRUE(queue.removeLast(1));
+    EXPECT_EQ(alive(held), 1);
+    queue.reset();
+    EXPECT_EQ(alive(held), 0);
+
+    utl::Array<std::shared_ptr<int>> array(4, 0);
+    ASSERT_TRUE(array.insertAt(0, held[0]));
+    ASSERT_TRUE(array.removeAt(0));
+    EXPECT_EQ(alive(held), 0);
 }
 
 }  // namespace
