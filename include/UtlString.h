@@ -185,10 +185,13 @@ int compareStrNoCase(const T* a, const T* b, unsigned int n);
 template <class I, class T>
 bool strToInt(I* out, const T* s, int base);
 
-// The process-wide scratch space of the text functions: three areas of AREA_SIZE bytes under one
+// The process-wide scratch space of the text functions: areas of AREA_SIZE bytes under one
 // recursive lock. A user holds the lock while it uses an area; nested users on the same thread
-// get the next area, and the third and deeper levels share the last one. Use it through
-// `WorkingBuffer`, which does the locking.
+// get the next area, so no function ever works in an area that an outer level still uses. The
+// first AREA_COUNT areas are part of the buffer; deeper levels get areas of their own, allocated
+// on first use and kept for reuse. There is no depth limit other than memory: when no area can be
+// allocated for a level, `enter` gives null and the function that wanted it fails with its
+// failure result. Use it through `WorkingBuffer`, which does the locking.
 class StaticBuffer {
   public:
     static constexpr unsigned int AREA_SIZE = 10240;
@@ -197,17 +200,27 @@ class StaticBuffer {
     // The one buffer, made on first use.
     static StaticBuffer& get();
 
-    // Locks the buffer and returns the area for the present nesting depth; `leave` undoes it.
+    // Locks the buffer and returns the area for the present nesting depth (null when a level
+    // beyond AREA_COUNT finds no memory for its area); `leave` undoes it in either case.
     char* enter();
     void leave();
 
-    virtual ~StaticBuffer() = default;
+    virtual ~StaticBuffer();
 
   private:
+    // An area of a level beyond AREA_COUNT, in a list ordered by depth.
+    struct ExtraArea {
+        ExtraArea* mNext;
+        char mBytes[AREA_SIZE];
+    };
+
     StaticBuffer();
+    // The area of level `depth` >= AREA_COUNT, allocated when first reached; null without memory.
+    char* extraArea(unsigned int depth);
 
     SyncObject mLock;
     char mAreas[AREA_COUNT][AREA_SIZE];  // Guarded by mLock.
+    ExtraArea* mExtraAreas;              // Guarded by mLock.
     unsigned int mDepth;                 // Guarded by mLock.
 };
 
@@ -225,11 +238,13 @@ class WorkingBuffer<char> {
     WorkingBuffer(const WorkingBuffer&) = delete;
     WorkingBuffer& operator=(const WorkingBuffer&) = delete;
 
+    // The area; null when a deep nesting level found no memory for one (`isUsable` false).
     char* get() const { return mArea; }
+    bool isUsable() const { return mArea != nullptr; }
     static constexpr unsigned int size() { return StaticBuffer::AREA_SIZE; }
 
     // Copies the text `s` (null counts as empty) into the area; false, leaving the area as it
-    // was, when it has AREA_SIZE bytes or more.
+    // was, when it has AREA_SIZE bytes or more or there is no area.
     bool assign(const char* s);
 
   private:

@@ -226,8 +226,8 @@ bool isCharAttribBase(const T* ch, int attrib) {
         return false;
     }
     WorkingBuffer<T> work;
-    copyStrBase(work.get(), work.size(), ch, length, 0);
-    return isStrAttribBase(work.get(), attrib);
+    return work.isUsable() && copyStrBase(work.get(), work.size(), ch, length, 0) != kFailure &&
+           isStrAttribBase(work.get(), attrib);
 }
 
 template <class T>

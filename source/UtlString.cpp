@@ -183,7 +183,8 @@ class PieceWriter {
 
 // Converts `s` (null: the empty text) through `pair` in direction 1 into `area`.
 bool convertInto(WorkingBuffer<char>& area, const char* s, const PairAttrib* pair) {
-    return convertAttrib(area.get(), area.size(), s != nullptr ? s : "", pair, 1, 0) != kFailure;
+    return area.isUsable() &&
+           convertAttrib(area.get(), area.size(), s != nullptr ? s : "", pair, 1, 0) != kFailure;
 }
 
 // The value of `c` as a digit of bases up to 36, or 36 for a character that is no digit.
@@ -209,7 +210,8 @@ unsigned int lastOccurrence(const char* s, const char* sub, unsigned int pos) {
     }
     WorkingBuffer<char> reversedText;
     WorkingBuffer<char> reversedSub;
-    if (t_strrev(reversedText.get(), reversedText.size(), s, 0) == kFailure ||
+    if (!reversedText.isUsable() || !reversedSub.isUsable() ||
+        t_strrev(reversedText.get(), reversedText.size(), s, 0) == kFailure ||
         t_strrev(reversedSub.get(), reversedSub.size(), sub, 0) == kFailure) {
         return kFailure;
     }
@@ -691,13 +693,20 @@ StaticBuffer& StaticBuffer::get() {
     return lTheBuffer;
 }
 
-StaticBuffer::StaticBuffer() : mLock(), mAreas(), mDepth(0) {}
+StaticBuffer::StaticBuffer() : mLock(), mAreas(), mExtraAreas(nullptr), mDepth(0) {}
+
+StaticBuffer::~StaticBuffer() {
+    while (mExtraAreas != nullptr) {
+        ExtraArea* const next = mExtraAreas->mNext;
+        delete mExtraAreas;
+        mExtraAreas = next;
+    }
+}
 
 char* StaticBuffer::enter() {
     mLock.lock();
-    const unsigned int area = mDepth < AREA_COUNT - 1 ? mDepth : AREA_COUNT - 1;
-    ++mDepth;
-    return mAreas[area];
+    const unsigned int depth = mDepth++;
+    return depth < AREA_COUNT ? mAreas[depth] : extraArea(depth);
 }
 
 void StaticBuffer::leave() {
@@ -705,10 +714,22 @@ void StaticBuffer::leave() {
     mLock.unlock();
 }
 
+char* StaticBuffer::extraArea(unsigned int depth) {
+    ExtraArea** link = &mExtraAreas;
+    for (unsigned int level = AREA_COUNT; level < depth && *link != nullptr; ++level) {
+        link = &(*link)->mNext;
+    }
+    if (*link == nullptr) {
+        // Levels are entered one after the other, so the list reaches `depth` - 1 here.
+        *link = new (std::nothrow) ExtraArea();
+    }
+    return *link != nullptr ? (*link)->mBytes : nullptr;
+}
+
 bool WorkingBuffer<char>::assign(const char* s) {
     const char* text = s != nullptr ? s : "";
     const std::size_t length = std::strlen(text);
-    if (length >= size()) {
+    if (!isUsable() || length >= size()) {
         return false;
     }
     copyMemory(mArea, text, static_cast<unsigned int>(length + 1));

@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include "UtlCharAttrib.h"
+
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -188,6 +191,49 @@ TEST(StringTest, WorkBufferKeepsConcurrentCallersApart) {
         thread.join();
     }
     EXPECT_EQ(failures, std::vector<int>(4, 0));
+}
+
+// The results of every function that works in the work buffer, as one text per call.
+std::vector<std::string> workAreaResults() {
+    std::vector<std::string> results;
+    auto edited = [&results](unsigned int result, const std::vector<char>& buffer) {
+        results.push_back(std::to_string(result) + ":" + buffer.data());
+    };
+    std::vector<char> buffer = bufferWith("abc" KA "def  ", 64);
+    edited(utl::eraseStrSpan(buffer.data(), 1, 2), buffer);
+    edited(utl::insertStr(buffer.data(), 64, 1, KI "xy", ~0u, 0), buffer);
+    edited(utl::replaceStr(buffer.data(), 64, "x", "XX", 0), buffer);
+    edited(utl::trimStrRight(buffer.data(), " "), buffer);
+    edited(utl::convertAttrib(buffer.data(), 64, buffer.data(), utl::LOWER_UPPER_PAIR, 1, 0),
+           buffer);
+    results.push_back(std::to_string(utl::findReverseStr("abcabc", "bc", ~0u, nullptr)));
+    results.push_back(std::to_string(utl::compareStrNoCase("abc", "ABD", 3)));
+    unsigned short value = 0;
+    results.push_back(std::to_string(utl::strToInt(&value, FW_PLUS_ONE "7", 0)) + ":" +
+                      std::to_string(value));
+    results.push_back(std::to_string(utl::isCharAttribBase("\xE3\x80\x80", utl::ATTRIB_ZEN_SPACE)));
+    String string("a-b-c", 0, 1);
+    const bool replaced = string.replace("-", "--", 0);
+    results.push_back(std::to_string(replaced) + ":" + string.c_str());
+    return results;
+}
+
+// A function called while its caller holds work areas works in an area of its own: it gives the
+// same results at every depth and leaves the outer areas as they were.
+TEST(StringTest, WorkBufferFunctionsAreUnaffectedByAreasTheirCallersHold) {
+    const std::vector<std::string> expected = workAreaResults();
+    for (unsigned int held = 1; held <= 6; ++held) {
+        SCOPED_TRACE(testing::Message() << held << " areas held");
+        std::vector<std::unique_ptr<utl::WorkingBuffer<char>>> outer;
+        for (unsigned int i = 0; i < held; ++i) {
+            outer.push_back(std::make_unique<utl::WorkingBuffer<char>>());
+            ASSERT_TRUE(outer.back()->assign(std::to_string(i).c_str()));
+        }
+        EXPECT_EQ(workAreaResults(), expected);
+        for (unsigned int i = 0; i < held; ++i) {
+            EXPECT_STREQ(outer[i]->get(), std::to_string(i).c_str());
+        }
+    }
 }
 
 std::string stateOf(const String& string) {
