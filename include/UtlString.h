@@ -202,8 +202,8 @@ class StaticBuffer {
 
     // Locks the buffer and returns the area for the present nesting depth (null when a level
     // beyond AREA_COUNT finds no memory for its area); `leave` undoes it in either case.
-    char* enter();
-    void leave();
+    char* enter() UTL_ACQUIRE(mLock);
+    void leave() UTL_RELEASE(mLock);
 
     virtual ~StaticBuffer();
 
@@ -216,12 +216,12 @@ class StaticBuffer {
 
     StaticBuffer();
     // The area of level `depth` >= AREA_COUNT, allocated when first reached; null without memory.
-    char* extraArea(unsigned int depth);
+    char* extraArea(unsigned int depth) UTL_REQUIRES(mLock);
 
     SyncObject mLock;
-    char mAreas[AREA_COUNT][AREA_SIZE];  // Guarded by mLock.
-    ExtraArea* mExtraAreas;              // Guarded by mLock.
-    unsigned int mDepth;                 // Guarded by mLock.
+    char mAreas[AREA_COUNT][AREA_SIZE] UTL_GUARDED_BY(mLock);
+    ExtraArea* mExtraAreas UTL_GUARDED_BY(mLock);
+    unsigned int mDepth UTL_GUARDED_BY(mLock);
 };
 
 template <class T>
@@ -232,8 +232,10 @@ class WorkingBuffer;
 template <>
 class WorkingBuffer<char> {
   public:
-    WorkingBuffer() : mArea(StaticBuffer::get().enter()) {}
-    virtual ~WorkingBuffer() { StaticBuffer::get().leave(); }
+    // The buffer's lock is held from construction to destruction, which the thread-safety
+    // analysis cannot follow across the object's life.
+    WorkingBuffer() UTL_NO_THREAD_SAFETY_ANALYSIS : mArea(StaticBuffer::get().enter()) {}
+    virtual ~WorkingBuffer() UTL_NO_THREAD_SAFETY_ANALYSIS { StaticBuffer::get().leave(); }
 
     WorkingBuffer(const WorkingBuffer&) = delete;
     WorkingBuffer& operator=(const WorkingBuffer&) = delete;

@@ -46,19 +46,6 @@ int waitMsec(pthread_cond_t& condition, pthread_mutex_t& mutex, uint32_t msec) {
     return result == ETIMEDOUT ? utl::Event::WAIT_TIMEOUT : utl::Event::WAIT_FAILED;
 }
 
-// Releases the mutex on every path out of a wait.
-class MutexHold {
-  public:
-    explicit MutexHold(pthread_mutex_t& mutex) : mMutex(mutex) { pthread_mutex_lock(&mMutex); }
-    ~MutexHold() { pthread_mutex_unlock(&mMutex); }
-
-    MutexHold(const MutexHold&) = delete;
-    MutexHold& operator=(const MutexHold&) = delete;
-
-  private:
-    pthread_mutex_t& mMutex;
-};
-
 }  // namespace
 
 namespace utl {
@@ -71,30 +58,24 @@ SyncObject::~SyncObject() {
     pthread_mutex_destroy(&mMutex);
 }
 
-void SyncObject::lock() const {
+void SyncObject::lock() const UTL_NO_THREAD_SAFETY_ANALYSIS {
     pthread_mutex_lock(&mMutex);
 }
 
-bool SyncObject::tryLock() const {
+bool SyncObject::tryLock() const UTL_NO_THREAD_SAFETY_ANALYSIS {
     return pthread_mutex_trylock(&mMutex) == 0;
 }
 
-void SyncObject::unlock() const {
+void SyncObject::unlock() const UTL_NO_THREAD_SAFETY_ANALYSIS {
     pthread_mutex_unlock(&mMutex);
 }
 
 Event::Event(int initialState, int mode)
-    : mOn(false), mOff(false), mOnWaiters(0), mOffWaiters(0), mMode(mode) {
-    if (initialState != 0) {
-        mOn = true;
-    } else {
-        mOff = true;
-    }
+    : mOn(initialState != 0), mOff(initialState == 0), mOnWaiters(0), mOffWaiters(0), mMode(mode) {
     initMonotonicCondition(mOnCondition);
     if (mMode == TWO_WAY) {
         initMonotonicCondition(mOffCondition);
     }
-    initRecursiveMutex(mMutex);
 }
 
 Event::~Event() {
@@ -102,22 +83,21 @@ Event::~Event() {
     if (mMode == TWO_WAY) {
         pthread_cond_destroy(&mOffCondition);
     }
-    pthread_mutex_destroy(&mMutex);
 }
 
 void Event::setOn() {
-    MutexHold hold(mMutex);
+    SyncGuard guard(mLock);
     mOn = true;
     if (mMode == TWO_WAY) {
         mOff = false;
     }
-    // Broadcast under the mutex: a waiter that leaves last renews the condition, which must not
+    // Broadcast under the lock: a waiter that leaves last renews the condition, which must not
     // happen while a broadcast on it is still under way.
     pthread_cond_broadcast(&mOnCondition);
 }
 
 void Event::setOff() {
-    MutexHold hold(mMutex);
+    SyncGuard guard(mLock);
     mOn = false;
     if (mMode == TWO_WAY) {
         mOff = true;
@@ -126,31 +106,32 @@ void Event::setOff() {
 }
 
 bool Event::isOn() const {
-    MutexHold hold(mMutex);
+    SyncGuard guard(mLock);
     return mOn;
 }
 
 bool Event::isOff() const {
-    MutexHold hold(mMutex);
+    SyncGuard guard(mLock);
     return !mOn;
 }
 
 int Event::waitToOn(unsigned int timeoutMsec) const {
-    return waitFor(mOn, mOnWaiters, mOnCondition, timeoutMsec, "mOn");
+    return waitFor(true, timeoutMsec);
 }
 
 int Event::waitToOff(unsigned int timeoutMsec) const {
     if (mMode != TWO_WAY) {
         return WAIT_FAILED;
     }
-    return waitFor(mOff, mOffWaiters, mOffCondition, timeoutMsec, "mOff");
+    return waitFor(false, timeoutMsec);
 }
 
-int Event::waitFor(const bool& state, uint32_t& waiters, pthread_cond_t& condition,
-                   unsigned int timeoutMsec, const char* stateName) const {
-    MutexHold hold(mMutex);
+int Event::waitFor(bool forOn, unsigned int timeoutMsec) const {
+    SyncGuard guard(mLock);
+    uint32_t& waiters = waitersFor(forOn);
+    pthread_cond_t& condition = conditionFor(forOn);
     const uint32_t before = waiters++;
-    if (state) {
+    if (hasState(forOn)) {
         waiters = before;
         if (before == 0) {
             renewCondition(condition);
@@ -161,37 +142,50 @@ int Event::waitFor(const bool& state, uint32_t& waiters, pthread_cond_t& conditi
     int status = WAIT_OK;
     if (timeoutMsec == 0) {
         // An unlimited wait ends with its first wake-up, whatever the state then is.
-        status = pthread_cond_wait(&condition, &mMutex) == 0 ? WAIT_OK : WAIT_FAILED;
+        status = pthread_cond_wait(&condition, &mLock.mMutex) == 0 ? WAIT_OK : WAIT_FAILED;
     } else {
         // A wake-up may find the state switched back already (set and reset again before this
-        // thread ran); the wait then goes on for what is left of the timeout, never longer.
+        // thread ran); the wait then goes on for what is left of the timeout, never longer. The
+        // time spent logging that counts as waited.
         uint32_t remaining = timeoutMsec;
+        TimeCounter counter;
         for (;;) {
-            TimeCounter counter;
             counter.start();
-            status = waitMsec(condition, mMutex, remaining);
-            if (status != WAIT_OK || state) {
+            status = waitMsec(condition, mLock.mMutex, remaining);
+            if (status != WAIT_OK || hasState(forOn)) {
                 break;
             }
-            const uint32_t waited = counter.stop();
-            if (remaining <= waited) {
+            const uint32_t waited = counter.watch();
+            if (remaining > waited) {
+                logRetry(forOn, timeoutMsec, waited, remaining - waited);
+            }
+            const uint32_t spent = counter.stop();
+            if (hasState(forOn)) {
+                break;
+            }
+            if (remaining <= spent) {
                 status = WAIT_TIMEOUT;
                 break;
             }
-            remaining -= waited;
-            UTL_LOG(LEVEL_DETAIL,
-                    "Wait OK, but Status(%s)=false.  Timeout=%umsec Waited=%umsec Retry wait "
-                    "%umsec after",
-                    stateName, timeoutMsec, waited, remaining);
+            remaining -= spent;
         }
     }
 
     const uint32_t present = waiters;
     waiters = present - 1;
-    if (state && present == 1) {
+    if (hasState(forOn) && present == 1) {
         renewCondition(condition);
     }
     return status;
+}
+
+void Event::logRetry(bool forOn, unsigned int timeoutMsec, uint32_t waited,
+                     uint32_t remaining) const {
+    mLock.unlock();
+    UTL_LOG(LEVEL_DETAIL,
+            "Wait OK, but Status(%s)=false.  Timeout=%umsec Waited=%umsec Retry wait %umsec after",
+            forOn ? "mOn" : "mOff", timeoutMsec, waited, remaining);
+    mLock.lock();
 }
 
 // static

@@ -1,5 +1,6 @@
 #include "UtlSync.h"
 
+#include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -104,6 +106,19 @@ void holdWaiter(int) {
     }
 }
 
+// Makes the waiter `tid`, blocked in a wait on `event`, wake without finding the set state: it
+// is held in a signal handler while the event is set and reset again.
+void wakeWithoutState(utl::Event& event, const std::atomic<pid_t>& tid) {
+    gWaiterHeld = gReleaseWaiter = false;
+    awaitBlocked(tid);
+    tgkill(getpid(), tid.load(), SIGUSR1);
+    while (!gWaiterHeld.load()) {
+        std::this_thread::yield();
+    }
+    event.setOn();
+    event.setOff();
+}
+
 // A waiter woken by setOn that finds the event reset waits only the rest of its timeout. Held in a
 // signal handler while setOn and setOff run; a signal before its wait ends in a timeout: retry.
 TEST(EventTest, WakeUpWithoutTheStateWaitsOnlyForTheRestOfTheTimeout) {
@@ -115,7 +130,6 @@ TEST(EventTest, WakeUpWithoutTheStateWaitsOnlyForTheRestOfTheTimeout) {
 
     bool retried = false;
     for (int attempt = 0; attempt < 3 && !retried; ++attempt) {
-        gWaiterHeld = gReleaseWaiter = false;
         int status = 1;
         const std::string text = captureStdout([&] {
             utl::Event event(0, utl::Event::TWO_WAY);
@@ -124,13 +138,7 @@ TEST(EventTest, WakeUpWithoutTheStateWaitsOnlyForTheRestOfTheTimeout) {
                 tid = gettid();
                 status = event.waitToOn(kTimeout);
             });
-            awaitBlocked(tid);
-            tgkill(getpid(), tid.load(), SIGUSR1);
-            while (!gWaiterHeld.load()) {
-                std::this_thread::yield();
-            }
-            event.setOn();
-            event.setOff();
+            wakeWithoutState(event, tid);
             std::this_thread::sleep_for(std::chrono::milliseconds(kHeld));  // counts as waited
             gReleaseWaiter = true;
             waiter.join();
@@ -148,6 +156,97 @@ TEST(EventTest, WakeUpWithoutTheStateWaitsOnlyForTheRestOfTheTimeout) {
         EXPECT_EQ(text.substr(at, line.size()), line);
     }
     sigaction(SIGUSR1, &previous, nullptr);
+    EXPECT_TRUE(retried) << "the waiter never came back to find the event reset";
+}
+
+// Standard output into a pipe that is full and read by nobody, unbuffered, so that the next line
+// written to it blocks its writer, until `drain` starts reading it. Restored on destruction.
+class BlockedStdout {
+  public:
+    BlockedStdout() : mSaved(dup(STDOUT_FILENO)) {
+        std::fflush(stdout);
+        EXPECT_EQ(pipe(mPipe), 0);
+        fcntl(mPipe[1], F_SETFL, O_NONBLOCK);
+        const std::string chunk(4096, '.');
+        while (write(mPipe[1], chunk.data(), chunk.size()) > 0) {
+        }
+        fcntl(mPipe[1], F_SETFL, 0);
+        dup2(mPipe[1], STDOUT_FILENO);
+        std::setvbuf(stdout, nullptr, _IONBF, 0);
+    }
+    ~BlockedStdout() {
+        drain();
+        dup2(mSaved, STDOUT_FILENO);
+        std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
+        close(mSaved);
+        close(mPipe[1]);
+        mReader.join();
+        close(mPipe[0]);
+    }
+
+    // Lets blocked writers go on; what they wrote shows in the destructor's `text`.
+    void drain() {
+        if (!mReader.joinable()) {
+            mReader = std::thread([this] {
+                char buffer[4096];
+                for (ssize_t n; (n = read(mPipe[0], buffer, sizeof buffer)) > 0;) {
+                    mText->append(buffer, static_cast<std::size_t>(n));
+                }
+            });
+        }
+    }
+    void keepTextIn(std::string* text) { mText = text; }
+
+  private:
+    int mSaved;
+    int mPipe[2] = {-1, -1};
+    std::thread mReader;
+    std::string* mText = nullptr;
+};
+
+// A waiter that logs its retry while standard output is stuck does not hold up the threads that
+// switch the event: they finish their pulses while the waiter is still blocked in its log line.
+TEST(EventTest, RetryLineStuckInTheOutputDoesNotHoldUpTheEvent) {
+    struct sigaction hold = {}, previous = {};
+    hold.sa_handler = holdWaiter;
+    ASSERT_EQ(sigaction(SIGUSR1, &hold, &previous), 0);
+    bool retried = false, allPulsed = true;
+    for (int attempt = 0; attempt < 3 && !retried; ++attempt) {
+        std::string text;
+        {  // No test result may be printed while standard output is blocked.
+            utl::Event event(0, utl::Event::TWO_WAY);
+            BlockedStdout blocked;
+            blocked.keepTextIn(&text);
+            std::atomic<pid_t> tid{0};
+            std::thread waiter([&] {
+                tid = gettid();
+                event.waitToOn(kLongTimeout);
+            });
+            wakeWithoutState(event, tid);
+            gReleaseWaiter = true;
+            awaitBlocked(tid);  // in its retry line, as a rule
+            std::atomic<bool> pulsed{false};
+            std::thread pulser([&] {
+                for (int i = 0; i < 1000; ++i) {
+                    event.setOn();
+                    event.setOff();
+                }
+                pulsed = true;
+            });
+            const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+            while (!pulsed.load() && std::chrono::steady_clock::now() < giveUp) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+            allPulsed = allPulsed && pulsed.load();
+            blocked.drain();
+            pulser.join();
+            event.setOn();
+            waiter.join();
+        }
+        retried = text.find("Retry wait") != std::string::npos;
+    }
+    sigaction(SIGUSR1, &previous, nullptr);
+    EXPECT_TRUE(allPulsed) << "the pulses waited for standard output";
     EXPECT_TRUE(retried) << "the waiter never came back to find the event reset";
 }
 
