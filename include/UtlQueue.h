@@ -17,6 +17,7 @@
 #include <cassert>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <type_traits>
 
 #include "UtlMemory.h"
@@ -31,7 +32,7 @@ static_assert(sizeof(unsigned int) == 4, "utl counts and positions are 32 bits w
 // All slots are default-constructed when the block is made; elements are stored and moved by
 // assignment. A capacity of 0, one above INT32_MAX (the head is a signed 32-bit index) or a
 // failed allocation leaves a ring without a block that refuses every push. `Arg` is the
-// parameter type of `push`.
+// parameter type of `push`. The arrays handed to the block operations must not lie inside the ring.
 //
 // Not thread-safe and without a lock of its own: the owner holds its queue lock around every
 // call. Not copyable.
@@ -64,25 +65,32 @@ class RingArray {
         if (n > mCapacity - mCount || (values == nullptr && n > 0)) {
             return false;
         }
-        // In at most two contiguous runs: up to the end of the block, then from its start.
-        const unsigned int tail = n > 0 ? physicalIndex(mCount) : 0;
-        const unsigned int first = n < mCapacity - tail ? n : mCapacity - tail;
-        std::copy(values, values + first, mBuffer + tail);
-        std::copy(values + first, values + n, mBuffer);
+        forEachRun(mCount, n, [this, values](uint32_t at, unsigned int done, unsigned int length) {
+            copyElements(values + done, length, mBuffer + at);
+        });
         mCount += n;
+        return true;
+    }
+
+    // Copies the `n` elements from logical position `offset` on to `out` and leaves the ring as it
+    // is; false, with nothing copied, when fewer than offset + n elements are there or `out` is
+    // null with n > 0.
+    bool peekBlock(T* out, unsigned int offset, unsigned int n) const {
+        if (offset > mCount || n > mCount - offset || (out == nullptr && n > 0)) {
+            return false;
+        }
+        forEachRun(offset, n, [this, out](uint32_t at, unsigned int done, unsigned int length) {
+            copyElements(mBuffer + at, length, out + done);
+        });
         return true;
     }
 
     // Removes the first `n` elements, copying them to `out`; false, with nothing changed, when
     // fewer are there or `out` is null with n > 0.
     bool popBlock(T* out, unsigned int n) {
-        if (n > mCount || (out == nullptr && n > 0)) {
+        if (!peekBlock(out, 0, n)) {
             return false;
         }
-        const unsigned int head = static_cast<unsigned int>(mHead);
-        const unsigned int first = n < mCapacity - head ? n : mCapacity - head;
-        std::copy(mBuffer + head, mBuffer + head + first, out);
-        std::copy(mBuffer, mBuffer + (n - first), out + first);
         vacate(0, n);
         if (n > 0) {
             mHead = static_cast<int32_t>(physicalIndex(n == mCapacity ? 0 : n));
@@ -176,6 +184,34 @@ class RingArray {
         }
     }
 
+    // Calls copyRun(physical index, elements before the run, run length) for each of the at most
+    // two contiguous runs that logical positions [from, from + n) occupy: up to the end of the
+    // block, then on from its start. `from` must be below the capacity when n > 0.
+    template <class CopyRun>
+    void forEachRun(unsigned int from, unsigned int n, CopyRun copyRun) const {
+        if (n == 0) {
+            return;
+        }
+        const uint32_t start = physicalIndex(from);
+        const unsigned int room = mCapacity - start;
+        if (n <= room) {
+            copyRun(start, 0, n);
+        } else {
+            copyRun(start, 0, room);
+            copyRun(0, room, n - room);
+        }
+    }
+
+    // One contiguous run; memcpy for elements that may be copied as bytes, since the run never
+    // overlaps the caller's array.
+    static void copyElements(const T* from, unsigned int n, T* to) {
+        if constexpr (std::is_trivially_copyable<T>::value) {
+            std::memcpy(to, from, size_t(n) * sizeof(T));
+        } else {
+            std::copy(from, from + n, to);
+        }
+    }
+
     // Null for a capacity the signed head cannot index, besides the cases of allocateElements.
     static T* allocate(unsigned int capacity) {
         return capacity > INT32_MAX ? nullptr : detail::allocateElements<T>(capacity);
@@ -184,16 +220,12 @@ class RingArray {
     T& slot(unsigned int logical) { return mBuffer[physicalIndex(logical)]; }
     const T& slot(unsigned int logical) const { return mBuffer[physicalIndex(logical)]; }
 
-    // Callers keep `logical` within one capacity of the head, so a single correction suffices.
-    // The sum is formed in 64 bits because head + logical may pass INT32_MAX.
+    // The head only ever takes values of this mapping (or 0), so it lies in [0, capacity), and
+    // callers keep `logical` in [0, capacity]: the sum stays below 2 x INT32_MAX, fits the
+    // unsigned 32 bits, and one correction brings it into the block.
     uint32_t physicalIndex(unsigned int logical) const {
-        int64_t j = static_cast<int64_t>(mHead) + logical;
-        if (j < 0) {
-            j += mCapacity;
-        } else if (j >= static_cast<int64_t>(mCapacity)) {
-            j -= mCapacity;
-        }
-        return static_cast<uint32_t>(j);
+        const uint32_t j = static_cast<uint32_t>(mHead) + logical;
+        return j >= mCapacity ? j - mCapacity : j;
     }
 
     T* mBuffer;
@@ -227,6 +259,11 @@ class Queue {
     bool pushBlock(const T* values, unsigned int n) { return mRing.pushBlock(values, n); }
     // Removes the first n elements into `out`; false, with nothing changed, when fewer are there.
     bool popBlock(T* out, unsigned int n) { return mRing.popBlock(out, n); }
+    // Copies n elements from position `offset` on into `out`, the queue unchanged; false, with
+    // nothing copied, when fewer than offset + n are there or `out` is null with n > 0.
+    bool peekBlock(T* out, unsigned int offset, unsigned int n) const {
+        return mRing.peekBlock(out, offset, n);
+    }
     // The front element; the queue must not be empty.
     T& peek() { return mRing.peek(); }
     const T& peek() const { return mRing.peek(); }

@@ -1,11 +1,11 @@
 // Reference-counted pointers and handles of utl.
 //
 // Copies of a holder share one object (`CountingPointer`, `SmartPointer`) or one OS handle
-// (`Counting`, `SmartHandle`) through a separately allocated counter that carries its own lock.
-// The last holder to let go disposes of what they shared through the holder's disposal policy:
-// `DestructPointer` deletes an object, `DestructCloseFile` syncs and closes a descriptor. Use
-// them where several owners on several threads share an object or a descriptor and none of them
-// knows which one finishes last.
+// (`Counting`, `SmartHandle`) through a separately allocated counter. The last holder to let go
+// disposes of what they shared through the holder's disposal policy: `DestructPointer` deletes an
+// object, `DestructCloseFile` syncs and closes a descriptor. Use them where several owners on
+// several threads share an object or a descriptor and none of them knows which one finishes
+// last.
 //
 //   utl::SmartPointer<utl::Event> started(new utl::Event(0, 0));  // counter created, count 1
 //   utl::SmartPointer<utl::Event> seen = started;                 // count 2
@@ -15,7 +15,7 @@
 //   fd.set(open("/tmp/x", O_RDONLY));                             // closed by the last holder
 //
 // Thread-safety: the holders' counts may change from any number of threads at once (each change
-// is made under the counter's lock, and only the holder whose decrement reads 0 disposes). One
+// is one atomic step on the counter, and only the holder whose own decrement left 0 disposes). One
 // holder object itself is not thread-safe: a thread must not assign to a holder while another
 // thread reads or copies that same holder. The held object is not protected by the counter.
 //
@@ -26,17 +26,21 @@
 #ifndef UTL_SMART_POINTER_H
 #define UTL_SMART_POINTER_H
 
-#include <cstdint>
-
 #include <sys/single_threaded.h>
 
-#include "UtlSync.h"
+#include <atomic>
+#include <cstdint>
 
 namespace utl {
 
-// The count shared by the copies of one holder, with the lock that guards it. Holders allocate
-// it on the heap; the first one raises the count from 0 to 1. Every operation may be called from
-// any thread. Not copyable.
+// The count shared by the copies of one holder. Holders allocate it on the heap; the first one
+// raises the count from 0 to 1. Every operation may be called from any thread. Not copyable.
+//
+// The count is one atomic number rather than a number behind a lock: each change is a single
+// indivisible read-modify-write that returns the value it left, so changes made at the same time
+// yield the same values, and the holders the same disposal decisions, as changes made one after
+// the other under a lock would. A decrement orders the holder's earlier use of the shared object
+// before the disposal that the decrement reaching 0 starts.
 class RefCounter final {
   public:
     RefCounter() : mCount(0) {}
@@ -45,27 +49,36 @@ class RefCounter final {
     RefCounter(const RefCounter&) = delete;
     RefCounter& operator=(const RefCounter&) = delete;
 
-    // Adds one under the lock and returns the count it left.
-    int32_t increment() { return change(+1); }
-    // Subtracts one under the lock and returns the count it left; may go below 0.
-    int32_t decrement() { return change(-1); }
-    // The count, read under the lock.
-    int32_t getCount() const;
+    // Adds one and returns the count it left.
+    int32_t increment() {
+        if (__libc_single_threaded) {
+            return changeAlone(+1);
+        }
+        // A share is made from a share that is still held (or on a counter that no other thread
+        // can see yet), so the object cannot go meanwhile: the increment needs no ordering.
+        return mCount.fetch_add(1, std::memory_order_relaxed) + 1;
+    }
+    // Subtracts one and returns the count it left; may go below 0.
+    int32_t decrement() {
+        if (__libc_single_threaded) {
+            return changeAlone(-1);
+        }
+        return mCount.fetch_sub(1, std::memory_order_acq_rel) - 1;
+    }
+    int32_t getCount() const { return mCount.load(std::memory_order_acquire); }
 
   private:
-    // While the process has only ever had one thread, nothing can race with the change and the
-    // lock is skipped (the C library clears the flag for good before a second thread starts, so
-    // the creation of that thread orders every earlier change before its first look).
-    int32_t change(int32_t delta) {
-        if (__libc_single_threaded) {
-            return mCount += delta;
-        }
-        SyncGuard guard(mLock);
-        return mCount += delta;
+    // While the process has only ever had one thread, nothing can race with the change and a
+    // plain load and store replace the locked instruction (the C library clears the flag for good
+    // before a second thread starts, so the creation of that thread orders every earlier change
+    // before its first look).
+    int32_t changeAlone(int32_t delta) {
+        const int32_t count = mCount.load(std::memory_order_relaxed) + delta;
+        mCount.store(count, std::memory_order_relaxed);
+        return count;
     }
 
-    int32_t mCount;  // Protected by mLock once the process has a second thread.
-    SyncObject mLock;
+    std::atomic<int32_t> mCount;
 };
 
 // Base of every holder: gives access to the counter that a holder shares, also across holders
@@ -96,12 +109,12 @@ RefCounter* newRefCounter(const char* where);
 // Logs "lRefCount(<count>) < 0 in <holderClass>::release()" at error level under type -2.
 void logNegativeCount(int32_t count, const char* holderClass);
 
-// Takes one holder's share of `counter` away: decrements the count under its lock. True when the
-// count reached 0; the caller then disposes of what it held and deletes the counter. A count that
-// fell below 0 is logged (logNegativeCount) and answered with false: nothing is disposed of. The
-// decision rests on the value that this holder's own decrement left, so of several holders
-// letting go at once exactly one sees 0. Inline, with only the log out of line, because copying
-// and dropping holders is the hot path.
+// Takes one holder's share of `counter` away: decrements the count. True when the count reached
+// 0; the caller then disposes of what it held and deletes the counter. A count that fell below 0
+// is logged (logNegativeCount) and answered with false: nothing is disposed of. The decision
+// rests on the value that this holder's own decrement left, so of several holders letting go at
+// once exactly one sees 0. Inline, with only the log out of line, because copying and dropping
+// holders is the hot path.
 inline bool letGo(RefCounter& counter, const char* holderClass) {
     const int32_t count = counter.decrement();
     if (count < 0) {

@@ -514,11 +514,7 @@ bool MsgDrivenThread::copySlot(unsigned int offset) {
     if (length > mWorkBuffer.maxSize()) {
         length = mWorkBuffer.maxSize();
     }
-    unsigned char* buffer = mWorkBuffer.buffer();
-    for (unsigned int i = 0; i < length; ++i) {
-        buffer[i] = mDataQueue.at(offset + i);
-    }
-    return true;
+    return mDataQueue.peekBlock(mWorkBuffer.buffer(), offset, length);
 }
 
 bool MsgDrivenThread::storeTimerMsg(int timerId, ThreadRawMsg* raw) {

@@ -11,11 +11,6 @@ namespace utl {
 
 RefCounter::~RefCounter() = default;
 
-int32_t RefCounter::getCount() const {
-    SyncGuard guard(mLock);
-    return mCount;
-}
-
 RefCounter* GetRefCounterInterface::getRefCounter(const GetRefCounterInterface& holder) const {
     return holder.actGetRefCounter();
 }
@@ -28,7 +23,6 @@ RefCounter* newRefCounter(const char* where) {
         UTL_LOG(LEVEL_ERROR, "new RefCounter failed in %s", where);
         return nullptr;
     }
-    // Raised under the lock like every later change, although no other thread can see it yet.
     counter->increment();
     return counter;
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <deque>
 #include <memory>
 #include <random>
@@ -27,8 +28,9 @@ struct Counted {
     int value;
 };
 
-// A queue of capacity 0 constructs no element, and a refused push or pushBlock assigns none.
-TEST(QueueTest, RefusedPushesConstructAndAssignNothing) {
+// A queue of capacity 0 constructs no element, and a refused push, pushBlock or peekBlock
+// assigns none.
+TEST(QueueTest, RefusedTransfersConstructAndAssignNothing) {
     const Counted block[2] = {4, 5};
     Counted::constructions = Counted::assignments = 0;
     utl::Queue<Counted> none(0);
@@ -40,7 +42,12 @@ TEST(QueueTest, RefusedPushesConstructAndAssignNothing) {
     EXPECT_FALSE(queue.pushBlock(block, 2) || queue.pushBlock(nullptr, 1));
     EXPECT_TRUE(queue.push(block[0]));
     EXPECT_FALSE(queue.push(block[1]));
+    // Peeks past the end, also where offset + n overflows, or into no array copy nothing.
+    Counted out[2];
+    EXPECT_FALSE(queue.peekBlock(out, 3, 2) || queue.peekBlock(out, 2, UINT_MAX) ||
+                 queue.peekBlock(nullptr, 0, 1));
     EXPECT_EQ(Counted::assignments, 5);  // one per accepted element
+    EXPECT_TRUE(queue.peekBlock(out, 2, 2) && out[0].value == 5 && out[1].value == 4);
 }
 
 // Erasing the front shifts the rest down and leaves the head in its slot; reset moves it to slot 0.
@@ -86,10 +93,13 @@ TEST(QueueTest, MatchesDequeModelThroughManyWrapArounds) {
         } else if (roll == 115) {
             queue.reset();
             model.clear();
-        } else if (roll < 122) {
+        } else if (roll < 119) {
             ASSERT_EQ(queue.popBlock(block, n), n <= size);
             ASSERT_TRUE(n > size || std::equal(block, block + n, model.begin()));
             model.erase(model.begin(), model.begin() + (n <= size ? n : 0));
+        } else if (roll < 122) {
+            ASSERT_EQ(queue.peekBlock(block, k, n), n <= size - k);
+            ASSERT_TRUE(n > size - k || std::equal(block, block + n, model.begin() + k));
         } else {
             std::generate(block, block + n, [&next] { return next++; });
             ASSERT_EQ(queue.pushBlock(block, n), n <= capacity - size);
