@@ -1,4 +1,5 @@
-// applog against composing and printing the same line by hand, and the cost of a dropped message.
+// applog against composing and printing the same line by hand, and the cost of a dropped message
+// against an empty call with the same arguments.
 // Standard output goes to /dev/null while a benchmark runs.
 #include "UtlLog.h"
 
@@ -75,8 +76,33 @@ void BM_ApplogDropped(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
 }
 
+// A message of a type that was never registered is filtered by the fallback type's level.
+void BM_ApplogDroppedUnregisteredType(benchmark::State& state) {
+    int i = 0;
+    for (auto _ : state) {
+        applog(12345, 5, "dropped message %d", ++i);
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
+// The floor of a dropped message: calling an out-of-line function with the same arguments.
+__attribute__((noinline)) void ignoreMessage(int type, int level, const char* format, ...) {
+    benchmark::DoNotOptimize(type + level);
+    benchmark::DoNotOptimize(format);
+}
+
+void BM_EmptyVariadicCall(benchmark::State& state) {
+    int i = 0;
+    for (auto _ : state) {
+        ignoreMessage(-2, 5, "dropped message %d", ++i);
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
 }  // namespace
 
 BENCHMARK(BM_ApplogPassing);
 BENCHMARK(BM_HandComposedPrintf);
 BENCHMARK(BM_ApplogDropped);
+BENCHMARK(BM_ApplogDroppedUnregisteredType);
+BENCHMARK(BM_EmptyVariadicCall);

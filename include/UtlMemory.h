@@ -224,26 +224,25 @@ class Memory {
     // Empties all tables and zeroes the totals; next serial 1, no mark.
     void initializeManagement();
     // Stores `record` after the records with a lower or equal address; false when full.
-    bool addDetailHeapInfo(const DetailHeapInfo& record);
+    bool addDetailHeapInfo(const DetailHeapInfo& record) UTL_REQUIRES(mLock);
     // Removes the record of `address` and takes it off the totals; false when none is held.
-    bool releaseDetailHeapInfo(uintptr_t address);
+    bool releaseDetailHeapInfo(uintptr_t address) UTL_REQUIRES(mLock);
     // `getFileName` for a caller that holds mLock.
-    const char* fileNameLocked(unsigned int id) const;
+    const char* fileNameLocked(unsigned int id) const UTL_REQUIRES(mLock);
 
     // Made by a static initialiser at load, before any application call.
     static SyncObject mInstantiationSyncObject;
-    static Memory* mpTheObject;  // Guarded by mInstantiationSyncObject.
-
+    static Memory* mpTheObject UTL_GUARDED_BY(mInstantiationSyncObject);
     SyncObject mLock;
-    ProcessHeapInfo mProcessHeapInfo;                      // Guarded by mLock.
-    DetailHeapInfo mDetailHeapInfo[DETAIL_HEAP_CAPACITY];  // Guarded by mLock.
-    uint32_t mDetailHeapCount;                             // Guarded by mLock.
-    uint64_t mNextSerial;                                  // Guarded by mLock.
-    uint64_t mMarkedSerial;                                // Guarded by mLock.
-    FileNameInfo mFileNameInfo[FILE_NAME_CAPACITY];        // Guarded by mLock.
-    uint32_t mFileNameCount;                               // Guarded by mLock.
-    ThreadNameInfo mThreadNameInfo[THREAD_NAME_CAPACITY];  // Guarded by mLock.
-    uint32_t mThreadNameCount;                             // Guarded by mLock.
+    ProcessHeapInfo mProcessHeapInfo UTL_GUARDED_BY(mLock);
+    DetailHeapInfo mDetailHeapInfo[DETAIL_HEAP_CAPACITY] UTL_GUARDED_BY(mLock);
+    uint32_t mDetailHeapCount UTL_GUARDED_BY(mLock);
+    uint64_t mNextSerial UTL_GUARDED_BY(mLock);
+    uint64_t mMarkedSerial UTL_GUARDED_BY(mLock);
+    FileNameInfo mFileNameInfo[FILE_NAME_CAPACITY] UTL_GUARDED_BY(mLock);
+    uint32_t mFileNameCount UTL_GUARDED_BY(mLock);
+    ThreadNameInfo mThreadNameInfo[THREAD_NAME_CAPACITY] UTL_GUARDED_BY(mLock);
+    uint32_t mThreadNameCount UTL_GUARDED_BY(mLock);
 };
 
 }  // namespace utl

@@ -296,14 +296,15 @@ class MsgDrivenThread : public Thread {
 
     // Sending (any thread).
     bool sendMsgAsync(const Msg& msg, bool recheck);
-    bool storeForSend(const Msg& msg, int* msgId, detail::DeferredLog& log);
-    bool pushDataSlot(int msgId, detail::DeferredLog& log);
-    bool postLocked(int msgId, int param, detail::DeferredLog& log);
+    bool storeForSend(const Msg& msg, int* msgId, detail::DeferredLog& log)
+        UTL_REQUIRES(mQueueLock);
+    bool pushDataSlot(int msgId, detail::DeferredLog& log) UTL_REQUIRES(mQueueLock);
+    bool postLocked(int msgId, int param, detail::DeferredLog& log) UTL_REQUIRES(mQueueLock);
     // The two halves of postLocked: the entry (under the queue lock) and its token (under the
     // token lock alone); and taking the last entry back when it is {msgId, param}.
-    bool queueEntry(int msgId, int param, detail::DeferredLog& log);
+    bool queueEntry(int msgId, int param, detail::DeferredLog& log) UTL_REQUIRES(mQueueLock);
     bool writeToken(int msgId, int param, detail::DeferredLog& log);
-    bool takeBackLastEntry(int msgId, int param);
+    bool takeBackLastEntry(int msgId, int param) UTL_REQUIRES(mQueueLock);
     bool sendAndWait(const Msg& msg, ReceiveKind kind);
     bool requestSearch(MsgJudgementInterface* judgement, ThreadRawMsg* out, bool erase);
     // Stores the judgement (and output) of a search or erase request for the loop.
@@ -321,37 +322,38 @@ class MsgDrivenThread : public Thread {
     void popSlot(Queue<unsigned char>& queue, unsigned int length);
     void deliver();
     void closeLoop();
-    bool copySlot(unsigned int offset);
-    bool copySlotForErase(unsigned int offset, int ctlId);
+    bool copySlot(unsigned int offset) UTL_REQUIRES(mQueueLock);
+    bool copySlotForErase(unsigned int offset, int ctlId) UTL_REQUIRES(mQueueLock);
     static bool storeTimerMsg(int timerId, ThreadRawMsg* raw);
-    EraseWalk eraseWalk(MsgJudgementInterface* judgement, int* endedTimer);
+    EraseWalk eraseWalk(MsgJudgementInterface* judgement, int* endedTimer) UTL_REQUIRES(mQueueLock);
 
     // Timers; everything below runs under the queue lock.
-    TimerInfo* findTimer(int timerId);
-    TimerInfo* findTimerStopEntry(int timerId);
+    TimerInfo* findTimer(int timerId) UTL_REQUIRES(mQueueLock);
+    TimerInfo* findTimerStopEntry(int timerId) UTL_REQUIRES(mQueueLock);
     int toUserTimerId(int sysTimerNumber);
-    bool startTimerByTimerInfo(TimerInfo* info);
-    bool eraseTimerByTimerInfo(TimerInfo* info, int timerId, detail::DeferredLog& log);
+    bool startTimerByTimerInfo(TimerInfo* info) UTL_REQUIRES(mQueueLock);
+    bool eraseTimerByTimerInfo(TimerInfo* info, int timerId, detail::DeferredLog& log)
+        UTL_REQUIRES(mQueueLock);
     int executeStartTimer(int timerId);
     void finishTimerStart(int timerId);
     int executeStopTimer(int timerId, detail::DeferredLog& log);
     void executeTimeoutSignal(int timerId);
     int executeTimeout(int timerId);
     int TimeoutPostHandling(int timerId);
-    int getNextSysTimerNumber();
-    bool removeTimer(int timerId);
+    int getNextSysTimerNumber() UTL_REQUIRES(mQueueLock);
+    bool removeTimer(int timerId) UTL_REQUIRES(mQueueLock);
     void releaseAllTimers();
 
     ThreadMsgListener* mListener;  // Set once by start, under mSenderLock.
     uint32_t mMaxMsgCount;
-    Queue<ThreadCtlMsg> mCtlQueue;         // Guarded by mQueueLock.
-    Queue<unsigned char> mDataQueue;       // Guarded by mQueueLock.
-    bool mDataQueueOverflow;               // Guarded by mQueueLock.
-    Queue<unsigned char> mInterruptQueue;  // Guarded by mQueueLock.
-    ThreadRawMsg mSendBuffer;              // Guarded by mQueueLock.
-    ThreadRawMsg mReceiveBuffer;           // Written by the loop thread only.
-    ThreadRawMsg mWorkBuffer;              // Guarded by mQueueLock.
-    ThreadRawMsg* mPeekOutput;             // Guarded by mQueueLock; filled by the loop.
+    Queue<ThreadCtlMsg> mCtlQueue UTL_GUARDED_BY(mQueueLock);
+    Queue<unsigned char> mDataQueue UTL_GUARDED_BY(mQueueLock);
+    bool mDataQueueOverflow UTL_GUARDED_BY(mQueueLock);
+    Queue<unsigned char> mInterruptQueue UTL_GUARDED_BY(mQueueLock);
+    ThreadRawMsg mSendBuffer UTL_GUARDED_BY(mQueueLock);
+    ThreadRawMsg mReceiveBuffer;  // Written by the loop thread only.
+    ThreadRawMsg mWorkBuffer UTL_GUARDED_BY(mQueueLock);
+    ThreadRawMsg* mPeekOutput;  // Guarded by mQueueLock; filled by the loop.
     // A requester turns its event on and waits until the loop turns it off.
     Event mInterruptEvent;
     Event mSyncEvent;
@@ -363,11 +365,11 @@ class MsgDrivenThread : public Thread {
     bool mInterruptResult;
     bool mEraseResult;
     bool mFindResult;
-    Map<int, TimerInfo> mTimers;             // Guarded by mQueueLock.
-    Map<int, TimerInfo> mStopEntries;        // Guarded by mQueueLock.
-    int32_t mNextUserTimerId;                // Guarded by mQueueLock.
-    int32_t mNextSysTimerNumber;             // Guarded by mQueueLock.
-    int32_t mAwaitedTimerStart;              // Guarded by mQueueLock.
+    Map<int, TimerInfo> mTimers UTL_GUARDED_BY(mQueueLock);
+    Map<int, TimerInfo> mStopEntries UTL_GUARDED_BY(mQueueLock);
+    int32_t mNextUserTimerId UTL_GUARDED_BY(mQueueLock);
+    int32_t mNextSysTimerNumber UTL_GUARDED_BY(mQueueLock);
+    int32_t mAwaitedTimerStart UTL_GUARDED_BY(mQueueLock);
     MsgJudgementInterface* mEraseJudgement;  // Guarded by mQueueLock; used by the loop.
     MsgJudgementInterface* mFindJudgement;   // Guarded by mQueueLock; used by the loop.
     int mReadFd;

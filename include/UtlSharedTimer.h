@@ -176,15 +176,16 @@ class SharedTimer : public Thread {
 
     bool isCallerLoop() const;
     // Under the table lock.
-    TimerInfo* findTimer(int timerId);
-    const TimerInfo* findTimer(int timerId) const;
-    bool postLocked(int msgId, int param, detail::DeferredLog& log);
+    TimerInfo* findTimer(int timerId) UTL_REQUIRES(mTableLock);
+    const TimerInfo* findTimer(int timerId) const UTL_REQUIRES(mTableLock);
+    bool postLocked(int msgId, int param, detail::DeferredLog& log) UTL_REQUIRES(mTableLock);
     ssize_t writeToken(int msgId, int param);
     // Whether the timer runs once the requests queued for it are handled.
-    bool willRun(int timerId, const TimerInfo& info) const;
-    void dropQueuedExpiries(int timerId, TimerInfo* info);
-    bool stopTimerByTimerInfo(int timerId, TimerInfo* info, detail::DeferredLog& log);
-    bool startTimerByTimerInfo(TimerInfo* info, detail::DeferredLog& log);
+    bool willRun(int timerId, const TimerInfo& info) const UTL_REQUIRES(mTableLock);
+    void dropQueuedExpiries(int timerId, TimerInfo* info) UTL_REQUIRES(mTableLock);
+    bool stopTimerByTimerInfo(int timerId, TimerInfo* info, detail::DeferredLog& log)
+        UTL_REQUIRES(mTableLock);
+    bool startTimerByTimerInfo(TimerInfo* info, detail::DeferredLog& log) UTL_REQUIRES(mTableLock);
     void finishUpdate(TimerInfo* info);
 
     // Requests (any thread); `function` names the operation in liveness reports.
@@ -192,7 +193,7 @@ class SharedTimer : public Thread {
     RequestResult queueRequest(int msgId, int timerId, bool await);
     bool requestOnLoop(int msgId, int timerId);
     // The last start, stop or erase message of the timer still queued, or null.
-    const TimerCtlMsg* lastQueuedRequest(int timerId) const;
+    const TimerCtlMsg* lastQueuedRequest(int timerId) const UTL_REQUIRES(mTableLock);
     bool forEachTimer(int noWait, bool (SharedTimer::*operation)(int, int));
 
     // The loop (timer thread only).
@@ -208,10 +209,10 @@ class SharedTimer : public Thread {
     void eraseAllTimer();
     void closeLoop();
 
-    Queue<TimerCtlMsg> mCtlQueue;  // Guarded by mTableLock.
-    Map<int, TimerInfo> mTimers;   // Guarded by mTableLock.
-    int32_t mNextUserTimerId;      // Guarded by mTableLock.
-    int32_t mNextSysTimerNumber;   // Guarded by mTableLock.
+    Queue<TimerCtlMsg> mCtlQueue UTL_GUARDED_BY(mTableLock);
+    Map<int, TimerInfo> mTimers UTL_GUARDED_BY(mTableLock);
+    int32_t mNextUserTimerId UTL_GUARDED_BY(mTableLock);
+    int32_t mNextSysTimerNumber UTL_GUARDED_BY(mTableLock);
     int mReadFd;
     int mWriteFd;
     // Guarded by mTableLock: entries the loop has taken from the queue so far, and the position

@@ -121,17 +121,18 @@ class SubChunk {
 
   private:
     // The file offset just past the data; the caller holds mLock.
-    unsigned long long dataEnd() const;
-    bool wouldOverrunNextSubChunk(unsigned int length) const;
-    unsigned long long dataStart() const { return mHeaderOffset + HEADER_BYTES; }
-    void reset();
+    unsigned long long dataEnd() const UTL_REQUIRES(mLock);
+    bool wouldOverrunNextSubChunk(unsigned int length) const UTL_REQUIRES(mLock);
+    unsigned long long dataStart() const UTL_REQUIRES(mLock) {
+        return mHeaderOffset + HEADER_BYTES;
+    }
+    void reset() UTL_REQUIRES(mLock);
 
-    // All members below are guarded by mLock.
-    File* mFile;
-    char mId[5];
-    uint32_t mDataSize;
-    uint64_t mHeaderOffset;
-    bool mOpened;
+    File* mFile UTL_GUARDED_BY(mLock);
+    char mId[5] UTL_GUARDED_BY(mLock);
+    uint32_t mDataSize UTL_GUARDED_BY(mLock);
+    uint64_t mHeaderOffset UTL_GUARDED_BY(mLock);
+    bool mOpened UTL_GUARDED_BY(mLock);
     SyncObject mLock;
 };
 

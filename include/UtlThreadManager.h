@@ -348,13 +348,13 @@ class ThreadManager {
     void markStopped(int id);
     // Initialises the watchdog with `interval` unless it runs already; whether it runs.
     bool ensureWatchdog(unsigned int interval);
-    bool registerEntry(int id, const ThreadEntry& entry);
+    bool registerEntry(int id, const ThreadEntry& entry) UTL_REQUIRES(mLock);
 
     SyncObject mLock;
     Event mStartEvent;
-    Map<int, ThreadEntry> mRegistry;  // Guarded by mLock.
-    uint32_t mEntryMax;               // Guarded by mLock.
-    bool mRegistrationLog;            // Guarded by mLock.
+    Map<int, ThreadEntry> mRegistry UTL_GUARDED_BY(mLock);
+    uint32_t mEntryMax UTL_GUARDED_BY(mLock);
+    bool mRegistrationLog UTL_GUARDED_BY(mLock);
     ThreadWatchdog* mWatchdog;
 };
 

@@ -173,7 +173,7 @@ class ThreadWatchdog : public ThreadMsgListener {
     std::atomic<int32_t> mTimerId;  // Written under mControlLock; -1 when none.
     std::atomic<bool> mInitialized;
     SyncObject mLock;
-    WatchdogInfoMap mTable;  // Guarded by mLock.
+    WatchdogInfoMap mTable UTL_GUARDED_BY(mLock);
     DefaultTimerListener mDefaultListener;
 };
 

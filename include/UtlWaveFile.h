@@ -122,20 +122,20 @@ class WaveFile {
     // Number of a sub-chunk that is absent.
     static constexpr uint32_t NO_CHUNK = 0xFFFFFFFF;
 
-    int loadWaveInfo();
-    bool readFmtData();
-    uint32_t* chunkNumberSlot(int chunk);
-    uint32_t chunkNumber(int chunk) const;
+    int loadWaveInfo() UTL_REQUIRES(mLock);
+    bool readFmtData() UTL_REQUIRES(mLock);
+    uint32_t* chunkNumberSlot(int chunk) UTL_REQUIRES(mLock);
+    uint32_t chunkNumber(int chunk) const UTL_REQUIRES(mLock);
 
-    // The members below are guarded by mLock. mRiff is mutable because the RIFF file's header
-    // queries are not const, while getChunkDataSize is.
-    mutable RiffFile mRiff;
-    uint32_t mFmtChunk;
-    uint32_t mDataChunk;
-    uint32_t mSamplingRate;
-    uint16_t mChannel;
-    uint16_t mBitsWidth;
-    uint16_t mFormatId;
+    // mRiff is mutable because the RIFF file's header queries are not const, while
+    // getChunkDataSize is.
+    mutable RiffFile mRiff UTL_GUARDED_BY(mLock);
+    uint32_t mFmtChunk UTL_GUARDED_BY(mLock);
+    uint32_t mDataChunk UTL_GUARDED_BY(mLock);
+    uint32_t mSamplingRate UTL_GUARDED_BY(mLock);
+    uint16_t mChannel UTL_GUARDED_BY(mLock);
+    uint16_t mBitsWidth UTL_GUARDED_BY(mLock);
+    uint16_t mFormatId UTL_GUARDED_BY(mLock);
     SyncObject mLock;
 };
 

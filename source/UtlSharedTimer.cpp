@@ -17,6 +17,7 @@ namespace {
 
 constexpr const char* kSource = "source/UtlSharedTimer";
 constexpr int kNoTimer = -1;
+constexpr unsigned int kTimerIdsAtFirst = 64;
 
 constexpr ssize_t kTokenSize = 2 * sizeof(int32_t);
 static_assert(kTokenSize == 8, "a token is 8 bytes");
@@ -226,7 +227,8 @@ bool SharedTimer::restartAll(int noWait) {
 
 bool SharedTimer::forEachTimer(int noWait, bool (SharedTimer::*operation)(int, int)) {
     ControlGuard control(mControlLock, isCallerLoop());
-    Array<int> timerIds(mTimers.getMax(), 0);
+    // Growing, because timers may be added while the ids are collected.
+    Array<int> timerIds(kTimerIdsAtFirst, 1);
     if (!getTimerIdSet(&timerIds)) {
         return false;
     }

@@ -17,13 +17,13 @@ constexpr unsigned long long kMaxSize = 0xFFFFFFFFULL;
 
 // Takes the cursor's lock between two liveness reports, so that a thread waiting behind a slow
 // write of another thread is not taken for a hung one.
-class ReportedGuard {
+class UTL_SCOPED_CAPABILITY ReportedGuard {
   public:
-    ReportedGuard(const SyncObject& lock, const char* operation) : mLock(lock) {
+    ReportedGuard(const SyncObject& lock, const char* operation) UTL_ACQUIRE(lock) : mLock(lock) {
         detail::BlockingCall report(kSource, operation, __LINE__);
         mLock.lock();
     }
-    ~ReportedGuard() { mLock.unlock(); }
+    ~ReportedGuard() UTL_RELEASE() { mLock.unlock(); }
     ReportedGuard(const ReportedGuard&) = delete;
     ReportedGuard& operator=(const ReportedGuard&) = delete;
 

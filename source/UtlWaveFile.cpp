@@ -127,6 +127,7 @@ bool WaveFile::isOpened() {
 }
 
 const char* WaveFile::getPath() const {
+    SyncGuard guard(mLock);
     return mRiff.getPath();
 }
 
