@@ -22,6 +22,13 @@
 // Every function may be called from any thread. Lines are composed on the caller's stack (no
 // heap allocation per message); each sink is written under one process-wide output lock, so a
 // line reaches each sink whole. Logging never reports failure to the caller.
+//
+// BinaryLogWrite runs on the logging thread under that output lock, and every other thread that
+// logs a passing line waits for it meanwhile. An application's definition must therefore return
+// promptly and must not wait for anything a logging thread provides: never join or wait for a
+// thread (or an `Event` set by a thread) that may log first, never take a lock that a thread
+// holds while it logs. It must not log lines of levels 1-3 itself (they come back to it without
+// end). Setting events, posting messages without waiting and copying the text away are fine.
 #ifndef UTL_LOG_H
 #define UTL_LOG_H
 
@@ -70,7 +77,30 @@ bool setLogTag(const char* tag);
 // The binary log sink: receives channel 3 and each error, warning and information line (without
 // its terminator). The library defines it as a weak no-op; an application that links the binary
 // log library, or defines this function itself, replaces it, in a shared and in a static build.
+//
+// The application's definition is the one called when it is
+//   - in an object file of the executable, with libutl.a or libutl.so;
+//   - in a static library given before libutl.a or libutl.so on the link line;
+//   - in a shared library given before libutl.so; with --as-needed (the default of many
+//     toolchains) only when an object of the executable includes this header.
+// It is not called when its library comes after libutl on the link line (the library's default
+// has settled the symbol by then), nor from a shared library when libutl.a is linked: the
+// executable's own copy of the default then wins over every shared library.
+// Each object that includes this header refers to the function, so that a static library holding
+// it is taken from the archive and a shared one stays needed. The CMake package and pkg-config
+// also pass the linker --undefined for it, which takes it from a static library given after that
+// option even when no object includes this header.
 void BinaryLogWrite(int channel, const char* data, unsigned int length);
+
+namespace utl {
+namespace detail {
+
+// The reference to BinaryLogWrite that every object including this header carries.
+[[maybe_unused]] __attribute__((used)) static void (*const binaryLogWriteReference)(
+    int, const char*, unsigned int) = &BinaryLogWrite;
+
+}  // namespace detail
+}  // namespace utl
 
 namespace utl {
 namespace detail {

@@ -4,6 +4,7 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -13,6 +14,7 @@
 #include "UtlArray.h"
 #include "UtlFile.h"
 #include "UtlLibraryLog.h"
+#include "UtlLogStamp.h"
 #include "UtlMemory.h"
 #include "UtlString.h"
 #include "UtlSync.h"
@@ -35,21 +37,105 @@ struct LogTypeData {
     char mTag[kTagSize];
 };
 
+// The filter levels of the registered types, readable without the table lock, so that a message
+// the filter drops (most of them) costs a few loads and no lock. Written only under the table
+// lock of the log state, which stays the authority: a message that may pass is decided again under
+// it. An open addressing table whose slots, once claimed by a type, keep it (types are never
+// removed).
+class FilterIndex {
+  public:
+    // Records the filter level of `type`; a full index is remembered, so that lookups of types it
+    // could not take stop answering. Called under the table lock only.
+    void store(int type, int32_t level) {
+        for (unsigned int i = 0, at = home(type); i < kSlots; ++i, at = (at + 1) % kSlots) {
+            Slot& slot = mSlots[at];
+            if (!slot.mUsed.load(std::memory_order_relaxed)) {
+                slot.mType = type;
+                slot.mLevel.store(level, std::memory_order_relaxed);
+                slot.mUsed.store(true, std::memory_order_release);
+                return;
+            }
+            if (slot.mType == type) {
+                slot.mLevel.store(level, std::memory_order_relaxed);
+                return;
+            }
+        }
+        mFull.store(true, std::memory_order_relaxed);
+    }
+
+    // False when a message of `type` at `level` (1 to 5) cannot pass: the level is above the
+    // filter level of the type, or of the fallback type for a type that is not registered. True
+    // when it may pass, also whenever the index cannot tell.
+    bool mayPass(int type, int level) const {
+        const Slot* slot = find(type);
+        if (slot == nullptr && !mFull.load(std::memory_order_relaxed)) {
+            slot = find(kFallbackType);
+        }
+        return slot == nullptr || level <= slot->mLevel.load(std::memory_order_relaxed);
+    }
+
+  private:
+    static constexpr unsigned int kSlots = 1024;
+
+    struct Slot {
+        std::atomic<bool> mUsed{false};
+        int mType = 0;  // Written before mUsed is published, never changed after.
+        std::atomic<int32_t> mLevel{0};
+    };
+
+    static unsigned int home(int type) {
+        return static_cast<unsigned int>(static_cast<uint32_t>(type) * 2654435761u) % kSlots;
+    }
+
+    const Slot* find(int type) const {
+        for (unsigned int i = 0, at = home(type); i < kSlots; ++i, at = (at + 1) % kSlots) {
+            const Slot& slot = mSlots[at];
+            if (!slot.mUsed.load(std::memory_order_acquire)) {
+                return nullptr;
+            }
+            if (slot.mType == type) {
+                return &slot;
+            }
+        }
+        return nullptr;
+    }
+
+    Slot mSlots[kSlots];
+    std::atomic<bool> mFull{false};
+};
+
+// Constant-initialised, so that it is ready before any code runs and costs no guard to reach.
+FilterIndex gFilterIndex;
+
 // The log type table with its lock, and the output lock with the process tag. The two locks are
 // never held together.
 class LogState {
   public:
     LogState() : mTable(64, 1), mProcessTag() {
-        LogTypeData fallback = {4, ""};
-        LogTypeData library = {4, "<UTIL> "};
-        mTable.insert(kFallbackType, fallback);
-        mTable.insert(utl::detail::LOG_TYPE_UTL, library);
+        utl::SyncGuard guard(mTableLock);
+        insertType(kFallbackType, {4, ""});
+        insertType(utl::detail::LOG_TYPE_UTL, {4, "<UTIL> "});
+    }
+
+    // Enters or overwrites a type in the table and the index; false when the table cannot grow.
+    bool insertType(int type, const LogTypeData& entry) UTL_REQUIRES(mTableLock) {
+        if (!mTable.insert(type, entry)) {
+            return false;
+        }
+        gFilterIndex.store(type, entry.mFilterLevel);
+        return true;
+    }
+
+    // Sets the filter level of one entry of the table, and of its type in the index.
+    void setLevel(utl::Pair<int, LogTypeData>& entry, int32_t level) UTL_REQUIRES(mTableLock) {
+        entry.mValue.mFilterLevel = level;
+        gFilterIndex.store(entry.mKey, level);
     }
 
     utl::SyncObject mTableLock;
-    utl::Map<int, LogTypeData> mTable;  // Guarded by mTableLock.
+    utl::Map<int, LogTypeData> mTable UTL_GUARDED_BY(mTableLock);
     utl::SyncObject mOutputLock;
-    char mProcessTag[kTagSize];  // Guarded by mOutputLock.
+    char mProcessTag[kTagSize] UTL_GUARDED_BY(mOutputLock);
 };
 
 // Made at library load and never destroyed, so that code running during static destruction can
@@ -68,6 +154,12 @@ int clampLevel(int level) {
 const char* levelPrefix(int level) {
     static const char* const kPrefixes[] = {"NO : ", "ERR: ", "WRN: ", "INF: ", "DTL: ", "DBG: "};
     return kPrefixes[level];
+}
+
+// True for a message that the filter drops for sure, told without the table lock: the first step
+// of every logging function, before it even reads its arguments.
+inline bool droppedAtOnce(int type, int level) {
+    return level == 0 || !gFilterIndex.mayPass(type, clampLevel(level));
 }
 
 // Whether a message of `type` at the clamped `level` passes the filter; copies the entry that
@@ -104,16 +196,20 @@ void appendNumber(char** end, unsigned int value, int digits, char pad) {
     *end += digits;
 }
 
-// "Mmm dd hh:mm:ss.mmm" of the wall clock: the text of ctime_r ("Www Mmm dd hh:mm:ss yyyy")
-// with the weekday left out and the year replaced by the milliseconds, day of month padded with
-// a blank as ctime_r pads it. Formatted by hand because this runs for every message.
-void timeStamp(char (&buffer)[kTimeSize]) {
+}  // namespace
+
+namespace utl {
+namespace detail {
+
+void formatTimeStamp(int64_t seconds, uint32_t microseconds, char* buffer) {
+    static_assert(sizeof(time_t) >= sizeof(int64_t), "times are 64-bit, on 32-bit targets too");
     static const char kMonths[] = "JanFebMarAprMayJunJulAugSepOctNovDec";
-    timeval now = {};
-    gettimeofday(&now, nullptr);
-    const time_t seconds = now.tv_sec;
+    const time_t time = seconds;
     tm local = {};
-    localtime_r(&seconds, &local);
+    if (localtime_r(&time, &local) == nullptr) {
+        buffer[0] = '\0';
+        return;
+    }
     char* end = buffer;
     end = std::copy(kMonths + 3 * local.tm_mon, kMonths + 3 * local.tm_mon + 3, end);
     appendNumber(&end, static_cast<unsigned int>(local.tm_mday), 3, ' ');
@@ -124,8 +220,21 @@ void timeStamp(char (&buffer)[kTimeSize]) {
     *end++ = ':';
     appendNumber(&end, static_cast<unsigned int>(local.tm_sec), 2, '0');
     *end++ = '.';
-    appendNumber(&end, static_cast<unsigned int>(now.tv_usec / 1000), 3, '0');
+    appendNumber(&end, microseconds / 1000, 3, '0');
     *end = '\0';
+}
+
+}  // namespace detail
+}  // namespace utl
+
+namespace {
+
+// "Mmm dd hh:mm:ss.mmm" of the wall clock. Formatted by hand because this runs for every message.
+void timeStamp(char (&buffer)[kTimeSize]) {
+    static_assert(kTimeSize > utl::detail::TIME_STAMP_LENGTH, "room for the stamp");
+    timeval now = {};
+    gettimeofday(&now, nullptr);
+    utl::detail::formatTimeStamp(now.tv_sec, static_cast<uint32_t>(now.tv_usec), buffer);
 }
 
 // Overwrites the end of a line that was cut with "...", so that it ends at `length` characters.
@@ -250,6 +359,9 @@ void logRaw(int type, int level, utl::File* file, const char* format, va_list ar
 }  // namespace
 
 void applog(int type, int level, const char* format, ...) {
+    if (droppedAtOnce(type, level)) {
+        return;
+    }
     va_list args;
     va_start(args, format);
     logStamped(type, level, nullptr, format, args);
@@ -257,6 +369,9 @@ void applog(int type, int level, const char* format, ...) {
 }
 
 void rawlog(int type, int level, const char* format, ...) {
+    if (droppedAtOnce(type, level)) {
+        return;
+    }
     va_list args;
     va_start(args, format);
     logRaw(type, level, nullptr, format, args);
@@ -264,6 +379,9 @@ void rawlog(int type, int level, const char* format, ...) {
 }
 
 void applog(int type, int level, utl::File* file, const char* format, ...) {
+    if (droppedAtOnce(type, level)) {
+        return;
+    }
     va_list args;
     va_start(args, format);
     logStamped(type, level, file, format, args);
@@ -271,6 +389,9 @@ void applog(int type, int level, utl::File* file, const char* format, ...) {
 }
 
 void rawlog(int type, int level, utl::File* file, const char* format, ...) {
+    if (droppedAtOnce(type, level)) {
+        return;
+    }
     va_list args;
     va_start(args, format);
     logRaw(type, level, file, format, args);
@@ -284,7 +405,7 @@ bool registerLogType(int type, const char* tag, int level) {
     }
     LogState& s = state();
     utl::SyncGuard guard(s.mTableLock);
-    return s.mTable.insert(type, entry);
+    return s.insertType(type, entry);
 }
 
 void setFilterLevel(int type, int level) {
@@ -292,7 +413,7 @@ void setFilterLevel(int type, int level) {
     LogState& s = state();
     utl::SyncGuard guard(s.mTableLock);
     if (utl::Pair<int, LogTypeData>* found = s.mTable.find(type)) {
-        found->mValue.mFilterLevel = level;
+        s.setLevel(*found, level);
     }
 }
 
@@ -301,7 +422,7 @@ void setAllFilterLevel(int level) {
     LogState& s = state();
     utl::SyncGuard guard(s.mTableLock);
     for (unsigned int i = 0; i < s.mTable.getCount(); ++i) {
-        s.mTable.getAt(i).mValue.mFilterLevel = level;
+        s.setLevel(s.mTable.getAt(i), level);
     }
 }
 

@@ -134,6 +134,36 @@ TEST_F(LogLevelsTest, TypesAreRegisteredOverwrittenAndFiltered) {
     EXPECT_FALSE(setLogTag((tag31 + "t").c_str()) || setLogTag(nullptr));
 }
 
+// Every way of changing a level takes effect at once, for more types than fit the index that
+// drops messages without the lock, and for unregistered types through the fallback.
+TEST_F(LogLevelsTest, EveryLevelChangeDecidesTheNextMessage) {
+    constexpr int kTypes = 1500, kFirst = 100000;
+    for (int type = kFirst; type < kFirst + kTypes; ++type) {
+        ASSERT_TRUE(registerLogType(type, "", 1));
+    }
+    OutputCapture quiet;
+    auto passing = [](int type, int level) {
+        LogCapture binary;
+        applog(type, level, "m");
+        return binary.lines().size() == 1;
+    };
+    for (int type : {kFirst, kFirst + 777, kFirst + kTypes - 1}) {
+        SCOPED_TRACE(type);
+        EXPECT_TRUE(passing(type, 1) && !passing(type, 3));
+        setFilterLevel(type, 3);
+        EXPECT_TRUE(passing(type, 3));
+        setAllFilterLevel(2);
+        EXPECT_TRUE(passing(type, 2) && !passing(type, 3));
+        ASSERT_TRUE(registerLogType(type, "", 3));
+        EXPECT_TRUE(passing(type, 3));
+        setFilterLevel(type, 1);
+    }
+    setFilterLevel(-1, 1);
+    EXPECT_TRUE(passing(7, 1) && !passing(7, 2));
+    setFilterLevel(-1, 3);
+    EXPECT_TRUE(passing(7, 3));
+}
+
 // Many threads log, register types and change levels at once: every line arrives whole.
 TEST_F(LogLevelsTest, ConcurrentLoggingKeepsLinesWhole) {
     constexpr int kThreads = 6, kMessages = 300;

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The whole test suite: formatting, native tests under AddressSanitizer and
-# UndefinedBehaviorSanitizer and under ThreadSanitizer, the 32-bit ARM cross build with its tests
-# under qemu, an installed package used by a separate project and through pkg-config, the
-# benchmark build, and a bounded run of each fuzzer.
+# UndefinedBehaviorSanitizer and under ThreadSanitizer, clang's thread-safety analysis of the
+# library, the 32-bit ARM cross build with its tests under qemu, an installed package (shared and
+# static) used by a separate project, through pkg-config and with the application's own binary
+# log sink linked in each supported way, the benchmark build, and a bounded run of each fuzzer.
 # Runs every stage, prints a summary, and exits non-zero if any stage failed.
 set -uo pipefail
 cd "$(dirname "$0")/.."
@@ -79,16 +80,58 @@ native_thread_sanitized() {
     build_and_test build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DUTL_SANITIZE=thread
 }
 
+# The library compiled with clang's -Wthread-safety: a lock annotation that the code does not
+# keep fails the build.
+thread_safety_analysis() {
+    CC=clang CXX=clang++ cmake -S . -B build/clang-tsa -G Ninja -DCMAKE_BUILD_TYPE=Debug \
+        -DUTL_WERROR=ON -DUTL_BUILD_TESTS=OFF -DUTL_THREAD_SAFETY_ANALYSIS=ON >/dev/null &&
+        cmake --build build/clang-tsa --target utl -j "$jobs"
+}
+
 arm_under_qemu() {
     build_and_test build/arm -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_SHARED_LIBS=OFF \
         --toolchain cmake/arm-linux-gnueabihf.cmake
 }
 
+# The programs of tests/link against the package installed in $1, built afresh in $2 with CMake
+# and with pkg-config: each logs an error line and fails unless its own BinaryLogWrite received
+# it, with the sink in the executable or in a library given before libutl (a static one, and for
+# a shared libutl a shared one linked with --as-needed).
+link_checks() {
+    local prefix=$1 dir=$2
+    local pc=(env PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config)
+    local shared=1 static=()
+    if [ -e "$prefix/lib/libutl.a" ]; then
+        shared=0
+        static=(--static)
+    fi
+    rm -rf "$dir"
+    cmake -S tests/link -B "$dir" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null &&
+        cmake --build "$dir" &&
+        ctest --test-dir "$dir" --output-on-failure || return 1
+    local cflags libs
+    cflags=$("${pc[@]}" --cflags utl) && libs=$("${pc[@]}" "${static[@]}" --libs utl) || return 1
+    pc_link_check() {
+        local name=$1
+        shift
+        echo "-- pkg-config: $name"
+        # The flags of pkg-config are meant to be split into words.
+        # shellcheck disable=SC2086
+        g++ -std=c++17 $cflags -o "$dir/$name" tests/link/LinkCheck.cpp "$@" $libs \
+            -Wl,-rpath,"$dir:$prefix/lib" && "$dir/$name" >/dev/null
+    }
+    pc_link_check PcSinkInExecutable tests/link/RecordingSink.cpp &&
+        pc_link_check PcStaticSinkBeforeUtl "$dir/librecording_sink_static.a" || return 1
+    [ "$shared" -eq 0 ] ||
+        pc_link_check PcSharedSinkBeforeUtl -Wl,--as-needed -L"$dir" -lrecording_sink_shared
+}
+
 # Release build with the benchmarks, installed into a temporary prefix that a separate project
-# (examples/) and a pkg-config compile then use.
+# (examples/) and a pkg-config compile then use; the link checks run against it and against a
+# static installation of the library alone.
 installed_package() {
-    local prefix
-    prefix=$(mktemp -d) || return 1
+    local prefix static_prefix
+    prefix=$(mktemp -d) && static_prefix=$(mktemp -d) || return 1
     cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DUTL_WERROR=ON \
         -DUTL_BUILD_TESTS=OFF -DUTL_BUILD_BENCHMARKS=ON -DCMAKE_INSTALL_PREFIX="$prefix" >/dev/null &&
         cmake --build build/release -j "$jobs" &&
@@ -99,9 +142,16 @@ installed_package() {
         PKG_CONFIG_PATH="$prefix/lib/pkgconfig" g++ -std=c++17 -o build/examples/utl_tour_pc \
             examples/tour.cpp $(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --cflags --libs utl) \
             -Wl,-rpath,"$prefix/lib" &&
-        build/examples/utl_tour_pc >/dev/null
+        build/examples/utl_tour_pc >/dev/null &&
+        link_checks "$prefix" build/link-shared &&
+        cmake -S . -B build/release-static -G Ninja -DCMAKE_BUILD_TYPE=Release -DUTL_WERROR=ON \
+            -DUTL_BUILD_TESTS=OFF -DBUILD_SHARED_LIBS=OFF -DCMAKE_INSTALL_PREFIX="$static_prefix" \
+            >/dev/null &&
+        cmake --build build/release-static --target utl -j "$jobs" &&
+        cmake --install build/release-static >/dev/null &&
+        link_checks "$static_prefix" build/link-static
     local status=$?
-    rm -rf "$prefix"
+    rm -rf "$prefix" "$static_prefix"
     return $status
 }
 
@@ -126,8 +176,9 @@ fuzz() {
 stage "format" check_format
 stage "native tests (AddressSanitizer, UndefinedBehaviorSanitizer)" native_sanitized
 stage "native tests (ThreadSanitizer)" native_thread_sanitized
+stage "thread-safety analysis (clang -Wthread-safety, library)" thread_safety_analysis
 stage "32-bit ARM tests under qemu-arm" arm_under_qemu
-stage "installed package, example, pkg-config, benchmarks" installed_package
+stage "installed package, example, pkg-config, binary log sink links, benchmarks" installed_package
 if command -v clang++ >/dev/null; then
     stage "fuzzing (libFuzzer, AddressSanitizer, UndefinedBehaviorSanitizer)" fuzz
 else
