@@ -31,6 +31,10 @@
 #include <atomic>
 #include <cstdint>
 
+// The holders need no lock of their own any more; the lock family stays included because code
+// that includes this header has always found events and locks with it (as the example above).
+#include "UtlSync.h"
+
 namespace utl {
 
 // The count shared by the copies of one holder. Holders allocate it on the heap; the first one
