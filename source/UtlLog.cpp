@@ -47,20 +47,17 @@ class FilterIndex {
     // Records the filter level of `type`; a full index is remembered, so that lookups of types it
     // could not take stop answering. Called under the table lock only.
     void store(int type, int32_t level) {
-        for (unsigned int i = 0, at = home(type); i < kSlots; ++i, at = (at + 1) % kSlots) {
-            Slot& slot = mSlots[at];
-            if (!slot.mUsed.load(std::memory_order_relaxed)) {
-                slot.mType = type;
-                slot.mLevel.store(level, std::memory_order_relaxed);
-                slot.mUsed.store(true, std::memory_order_release);
-                return;
-            }
-            if (slot.mType == type) {
-                slot.mLevel.store(level, std::memory_order_relaxed);
-                return;
-            }
+        const unsigned int at = probe(type);
+        if (at == kSlots) {
+            mFull.store(true, std::memory_order_relaxed);
+            return;
         }
-        mFull.store(true, std::memory_order_relaxed);
+        Slot& slot = mSlots[at];
+        slot.mLevel.store(level, std::memory_order_relaxed);
+        if (!slot.mUsed.load(std::memory_order_relaxed)) {
+            slot.mType = type;
+            slot.mUsed.store(true, std::memory_order_release);
+        }
     }
 
     // False when a message of `type` at `level` (1 to 5) cannot pass: the level is above the
@@ -87,17 +84,28 @@ class FilterIndex {
         return static_cast<unsigned int>(static_cast<uint32_t>(type) * 2654435761u) % kSlots;
     }
 
-    const Slot* find(int type) const {
-        for (unsigned int i = 0, at = home(type); i < kSlots; ++i, at = (at + 1) % kSlots) {
+    // The index of the slot that holds `type`, or else of the free slot where it goes; kSlots
+    // when every slot holds another type.
+    unsigned int probe(int type) const {
+        unsigned int at = home(type);
+        for (unsigned int i = 0; i < kSlots; ++i, at = (at + 1) % kSlots) {
             const Slot& slot = mSlots[at];
-            if (!slot.mUsed.load(std::memory_order_acquire)) {
-                return nullptr;
-            }
-            if (slot.mType == type) {
-                return &slot;
+            if (!slot.mUsed.load(std::memory_order_acquire) || slot.mType == type) {
+                return at;
             }
         }
-        return nullptr;
+        return kSlots;
+    }
+
+    // The slot of `type`; null when it has none. The slot found free may be claimed for another
+    // type meanwhile, hence the second look at it.
+    const Slot* find(int type) const {
+        const unsigned int at = probe(type);
+        if (at == kSlots) {
+            return nullptr;
+        }
+        const Slot& slot = mSlots[at];
+        return slot.mUsed.load(std::memory_order_acquire) && slot.mType == type ? &slot : nullptr;
     }
 
     Slot mSlots[kSlots];
@@ -162,8 +170,9 @@ inline bool droppedAtOnce(int type, int level) {
     return level == 0 || !gFilterIndex.mayPass(type, clampLevel(level));
 }
 
-// Whether a message of `type` at the clamped `level` passes the filter; copies the entry that
-// decided (the type's own or the fallback) into `entry` when it is not null.
+// Whether a message of `type` at the clamped `level` (1 to 5: callers drop level 0 at once)
+// passes the filter; copies the entry that decided (the type's own or the fallback) into `entry`
+// when it is not null.
 bool passesFilter(int type, int level, LogTypeData* entry) {
     LogState& s = state();
     utl::SyncGuard guard(s.mTableLock);
@@ -171,7 +180,7 @@ bool passesFilter(int type, int level, LogTypeData* entry) {
     if (found == nullptr) {
         found = s.mTable.find(kFallbackType);
     }
-    if (found == nullptr || level == 0 || found->mValue.mFilterLevel < level) {
+    if (found == nullptr || found->mValue.mFilterLevel < level) {
         return false;
     }
     if (entry != nullptr) {
