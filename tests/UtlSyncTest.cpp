@@ -160,10 +160,11 @@ TEST(EventTest, WakeUpWithoutTheStateWaitsOnlyForTheRestOfTheTimeout) {
 }
 
 // Standard output into a pipe that is full and read by nobody, unbuffered, so that the next line
-// written to it blocks its writer, until `drain` starts reading it. Restored on destruction.
+// written to it blocks its writer, until `drain` starts reading it into `*text`. Restored on
+// destruction.
 class BlockedStdout {
   public:
-    BlockedStdout() : mSaved(dup(STDOUT_FILENO)) {
+    explicit BlockedStdout(std::string* text) : mSaved(dup(STDOUT_FILENO)), mText(text) {
         std::fflush(stdout);
         EXPECT_EQ(pipe(mPipe), 0);
         fcntl(mPipe[1], F_SETFL, O_NONBLOCK);
@@ -184,7 +185,7 @@ class BlockedStdout {
         close(mPipe[0]);
     }
 
-    // Lets blocked writers go on; what they wrote shows in the destructor's `text`.
+    // Lets blocked writers go on; what they write is complete in `*text` after the destructor.
     void drain() {
         if (!mReader.joinable()) {
             mReader = std::thread([this] {
@@ -195,13 +196,12 @@ class BlockedStdout {
             });
         }
     }
-    void keepTextIn(std::string* text) { mText = text; }
 
   private:
     int mSaved;
     int mPipe[2] = {-1, -1};
     std::thread mReader;
-    std::string* mText = nullptr;
+    std::string* mText;
 };
 
 // A waiter that logs its retry while standard output is stuck does not hold up the threads that
@@ -215,8 +215,7 @@ TEST(EventTest, RetryLineStuckInTheOutputDoesNotHoldUpTheEvent) {
         std::string text;
         {  // No test result may be printed while standard output is blocked.
             utl::Event event(0, utl::Event::TWO_WAY);
-            BlockedStdout blocked;
-            blocked.keepTextIn(&text);
+            BlockedStdout blocked(&text);
             std::atomic<pid_t> tid{0};
             std::thread waiter([&] {
                 tid = gettid();
