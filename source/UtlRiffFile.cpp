@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "UtlCharConvert.h"
+#include "UtlChunkId.h"
 
 namespace utl {
 
@@ -38,18 +38,6 @@ bool readBytes(File& file, long long offset, unsigned char* out, unsigned int le
 bool writeBytes(File& file, long long offset, const unsigned char* data, unsigned int length) {
     return file.seek(offset, File::SEEK_FROM_BEGIN) >= 0 &&
            file.write(data, length) == static_cast<int>(length);
-}
-
-// The stored form type as text, trimmed of the blanks that padded it.
-void decodeFormType(const unsigned char* stored, char* type) {
-    char raw[kTypeBuffer] = {};
-    std::memcpy(raw, stored, SubChunk::ID_BYTES);
-    if (convertCharSet(type, kTypeBuffer, raw) == ~0u) {
-        type[0] = '\0';
-    }
-    for (size_t end = std::strlen(type); end > 0 && type[end - 1] == ' '; --end) {
-        type[end - 1] = '\0';
-    }
 }
 
 }  // namespace
@@ -98,8 +86,7 @@ int RiffFile::createHeader() {
     unsigned char header[HEADER_BYTES];
     std::memcpy(header, kRiffTag, 4);
     serialize(0u, header + 4);
-    std::memset(header + kFormTypeOffset, ' ', SubChunk::ID_BYTES);
-    std::memcpy(header + kFormTypeOffset, mFormType, std::strlen(mFormType));
+    detail::encodeChunkId(mFormType, header + kFormTypeOffset);
     if (!writeBytes(mFile, 0, header, sizeof(header))) {
         mFile.close();
         mFile.erase(0);
@@ -124,7 +111,7 @@ int RiffFile::loadRiffInfo() {
     // The size as stored rather than as the length implies, so that close() also repairs a
     // stale size left by a writer that never closed.
     mRiffSize = stored;
-    decodeFormType(header + kFormTypeOffset, mFormType);
+    detail::decodeChunkId(header + kFormTypeOffset, mFormType);
     return walkSubChunks(length);
 }
 
@@ -210,23 +197,20 @@ const char* RiffFile::getPath() const {
 
 bool RiffFile::setFormType(const char* type) {
     SyncGuard guard(mLock);
-    char converted[kTypeBuffer] = {};
-    if (type == nullptr || convertCharSet(converted, kTypeBuffer, type) == ~0u) {
+    unsigned char stored[SubChunk::ID_BYTES];
+    if (!detail::encodeChunkId(type, stored)) {
         return false;
     }
     if (mFile.isOpened()) {
         const long long saved = mFile.position();
         const bool written = saved >= 0 &&
                              mFile.seek(kFormTypeOffset, File::SEEK_FROM_BEGIN) >= 0 &&
-                             mSubChunk.writeSubChunKId(converted, &mFile);
+                             mSubChunk.writeSubChunKId(type, &mFile);
         if (saved < 0 || mFile.seek(saved, File::SEEK_FROM_BEGIN) < 0 || !written) {
             return false;
         }
     }
-    unsigned char stored[SubChunk::ID_BYTES];
-    std::memset(stored, ' ', sizeof(stored));
-    std::memcpy(stored, converted, std::strlen(converted));
-    decodeFormType(stored, mFormType);
+    detail::decodeChunkId(stored, mFormType);
     return true;
 }
 

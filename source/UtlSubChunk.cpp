@@ -4,6 +4,7 @@
 
 #include "UtlArray.h"
 #include "UtlCharConvert.h"
+#include "UtlChunkId.h"
 #include "UtlKeepAlive.h"
 
 namespace utl {
@@ -47,22 +48,24 @@ int readFully(File* file, unsigned char* out, unsigned int length) {
     return 0;
 }
 
-// The four stored characters as text, trimmed of the blanks that padded them.
-void decodeId(const unsigned char* stored, char* id) {
+}  // namespace
+
+namespace detail {
+
+void decodeChunkId(const unsigned char* stored, char* text) {
     char raw[kIdBuffer] = {};
     std::memcpy(raw, stored, SubChunk::ID_BYTES);
-    if (convertCharSet(id, kIdBuffer, raw) == ~0u) {
-        id[0] = '\0';
+    if (convertCharSet(text, kIdBuffer, raw) == ~0u) {
+        text[0] = '\0';
     }
-    for (size_t end = std::strlen(id); end > 0 && id[end - 1] == ' '; --end) {
-        id[end - 1] = '\0';
+    for (size_t end = std::strlen(text); end > 0 && text[end - 1] == ' '; --end) {
+        text[end - 1] = '\0';
     }
 }
 
-// `id` (1 to 4 characters) as 4 bytes padded with blanks; false when it does not fit.
-bool encodeId(const char* id, unsigned char* stored) {
+bool encodeChunkId(const char* text, unsigned char* stored) {
     char converted[kIdBuffer] = {};
-    if (id == nullptr || convertCharSet(converted, kIdBuffer, id) == ~0u) {
+    if (text == nullptr || convertCharSet(converted, kIdBuffer, text) == ~0u) {
         return false;
     }
     const size_t length = std::strlen(converted);
@@ -71,7 +74,7 @@ bool encodeId(const char* id, unsigned char* stored) {
     return true;
 }
 
-}  // namespace
+}  // namespace detail
 
 SubChunkInfo::SubChunkInfo(unsigned int number, const char* id, unsigned int size)
     : mNumber(number), mId(), mSize(size) {
@@ -89,7 +92,7 @@ SubChunk::~SubChunk() {
 bool SubChunk::add(File* file, const char* id) {
     ReportedGuard guard(mLock, "add");
     unsigned char stored[ID_BYTES];
-    if (mOpened || file == nullptr || !encodeId(id, stored) || id[0] == '\0') {
+    if (mOpened || file == nullptr || !detail::encodeChunkId(id, stored) || id[0] == '\0') {
         return false;
     }
     const long long end = file->seek(0, File::SEEK_FROM_END);
@@ -101,7 +104,7 @@ bool SubChunk::add(File* file, const char* id) {
         return false;
     }
     mFile = file;
-    decodeId(stored, mId);
+    detail::decodeChunkId(stored, mId);
     mDataSize = 0;
     mHeaderOffset = static_cast<uint64_t>(end);
     mOpened = true;
@@ -267,7 +270,7 @@ int SubChunk::readHeader(File* file, unsigned long long headerOffset, char* id, 
         result = readFully(file, header, sizeof(header));
     }
     if (result == 0) {
-        decodeId(header, id);
+        detail::decodeChunkId(header, id);
         unserialize(header + ID_BYTES, dataSize);
     }
     if (file->seek(saved, File::SEEK_FROM_BEGIN) < 0) {
@@ -278,7 +281,7 @@ int SubChunk::readHeader(File* file, unsigned long long headerOffset, char* id, 
 
 bool SubChunk::writeSubChunKId(const char* id, File* file) {
     unsigned char stored[ID_BYTES];
-    if (file == nullptr || !encodeId(id, stored)) {
+    if (file == nullptr || !detail::encodeChunkId(id, stored)) {
         return false;
     }
     return file->write(stored, sizeof(stored)) == static_cast<int>(sizeof(stored));
