@@ -13,7 +13,7 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 using Stream = utl::BitStream;
 
-// The bit order written out one bit at a time: bit n is bit 7 - n % 8 of byte n / 8.
+// The reference bit order, one bit at a time: bit n is bit 7 - n % 8 of byte n / 8.
 uint64_t modelRead(const Bytes& bytes, uint32_t start, unsigned int bits) {
     uint64_t value = 0;
     for (uint32_t n = start; n < start + bits; ++n) {
@@ -24,9 +24,8 @@ uint64_t modelRead(const Bytes& bytes, uint32_t start, unsigned int bits) {
 
 void modelWrite(Bytes& bytes, uint32_t start, unsigned int bits, uint64_t value) {
     for (uint32_t n = start; n < start + bits; ++n) {
-        const unsigned int mask = 0x80u >> (n % 8);
-        const bool set = (value >> (start + bits - 1 - n)) & 1u;
-        bytes[n / 8] = static_cast<unsigned char>(set ? bytes[n / 8] | mask : bytes[n / 8] & ~mask);
+        const unsigned int mask = 0x80u >> (n % 8), bit = (value >> (start + bits - 1 - n)) & 1u;
+        bytes[n / 8] = static_cast<unsigned char>((bytes[n / 8] & ~mask) | (bit != 0 ? mask : 0));
     }
 }
 
@@ -55,9 +54,8 @@ bool errorFlagSet(Stream& s) {
     return s.readBitToUint8(1, 0) == 0;
 }
 
-// Every field of every width at every start in a buffer of exactly 16 bytes, so the sanitizer
-// sees any access past it; 64-bit fields span up to nine bytes. The values written have the top
-// bit of their type set, which must be ignored whenever `bits` is narrower.
+// Every width, field size and start in exactly 16 bytes (so ASan sees overruns; 64-bit fields span
+// up to nine bytes). Values have their type's top bit set, to be ignored by narrower fields.
 TEST(BitStreamTest, FieldTransfersMatchBitByBitModel) {
     std::mt19937 rng(1);
     const Bytes original = randomBytes(rng, 16);
@@ -67,25 +65,24 @@ TEST(BitStreamTest, FieldTransfersMatchBitByBitModel) {
                 SCOPED_TRACE(testing::Message() << width << ": " << bits << " bits at " << start);
                 Bytes bytes = original, expected = original;
                 Stream s(bytes.data(), 16);
-                ASSERT_EQ(readAs(s, width, bits, static_cast<int>(start)),
-                          modelRead(original, start, bits));
+                const uint64_t model = modelRead(original, start, bits);
+                ASSERT_EQ(readAs(s, width, bits, static_cast<int>(start)), model);
                 s.seekBitOffset(start, Stream::ORIGIN_BEGIN);
-                ASSERT_EQ(readAs(s, width, bits, -1), modelRead(original, start, bits));
+                ASSERT_EQ(readAs(s, width, bits, -1), model);
                 ASSERT_EQ(s.getBitPosition(), start + bits);
                 s.seekBitOffset(0, Stream::ORIGIN_BEGIN);
                 const uint64_t value = (uint64_t{rng()} << 32 | rng()) | uint64_t{1} << (width - 1);
                 modelWrite(expected, start, bits, value);
                 writeAs(s, width, value, bits, static_cast<int>(start));
                 ASSERT_EQ(bytes, expected);
-                ASSERT_EQ(s.getBitPosition(), 0u);
-                ASSERT_EQ(s.getBitStreamBitSize(), start + bits);
+                ASSERT_TRUE(s.getBitPosition() == 0 && s.getBitStreamBitSize() == start + bits);
             }
         }
     }
 }
 
-// Each request is refused and sets the error flag; from then on reads return 0 and writes and
-// seeks do nothing, until clear.
+// A refused request sets the error flag; reads then return 0 and writes and seeks do nothing,
+// until clear.
 TEST(BitStreamTest, RefusedRequestsSetStickyError) {
     const std::pair<const char*, void (*)(Stream&)> cases[] = {
         {"17 bits into 16", [](Stream& s) { s.writeBitToUint16(0, 17); }},
@@ -95,12 +92,12 @@ TEST(BitStreamTest, RefusedRequestsSetStickyError) {
         {"seek past the end", [](Stream& s) { s.seekBitOffset(29, Stream::ORIGIN_CURRENT); }},
         {"unknown origin", [](Stream& s) { s.seekBitOffset(0, 3); }},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.first);
+    for (const auto& [name, refuse] : cases) {
+        SCOPED_TRACE(name);
         unsigned char bytes[5] = {0xFF, 0xFF, 0xFF, 0xFF, 0x5A};
         Stream s(bytes, 4);
         s.seekBitOffset(4, Stream::ORIGIN_BEGIN);
-        c.second(s);
+        refuse(s);
         EXPECT_TRUE(errorFlagSet(s));
         s.writeBitToUint32(0, 32, 0);
         s.seekBitOffset(8, Stream::ORIGIN_BEGIN);
@@ -114,15 +111,13 @@ TEST(BitStreamTest, RefusedRequestsSetStickyError) {
 TEST(BitStreamTest, StateFollowsSetClearSeekAndCurrentBit) {
     unsigned char a[3] = {0xFF, 0xFF, 0x5A};
     Stream s;
-    EXPECT_FALSE(s.setBitStream(a, 0));
-    EXPECT_TRUE(s.setBitStream(a, 2));
+    EXPECT_TRUE(!s.setBitStream(a, 0) && s.setBitStream(a, 2));
     s.writeBitData(nullptr, 0);  // zero bits do nothing and raise no error
     s.writeBitToUint8(0xA1, 8);
     s.writeCurBit(2);
     s.seekBitOffset(3, Stream::ORIGIN_END);
     s.seekBitOffset(2, Stream::ORIGIN_CURRENT);
-    EXPECT_EQ(s.getBitPosition(), 14u);
-    EXPECT_EQ(s.getBitStreamSize(), 2u);
+    EXPECT_TRUE(s.getBitPosition() == 14 && s.getBitStreamSize() == 2);
     s.readBitToUint8(9);  // sets the error flag, which the current bit ignores
     s.writeCurBit(0);
     EXPECT_EQ(a[1], 0xFD);
@@ -136,15 +131,14 @@ TEST(BitStreamTest, StateFollowsSetClearSeekAndCurrentBit) {
 }
 
 // Whole bytes, then the rest left-aligned in one more byte whose low bits become 0; the bytes
-// behind must survive.
+// behind survive.
 TEST(BitStreamTest, BulkTransfersMatchModel) {
     const std::pair<uint32_t, unsigned int> cases[] = {{8, 13}, {3, 64}, {7, 1}, {9, 100}};
     for (const auto& [start, bits] : cases) {
         SCOPED_TRACE(testing::Message() << bits << " bits at " << start);
         std::mt19937 rng(start * 131 + bits);
         const Bytes original = randomBytes(rng, 17), data = randomBytes(rng, 16);
-        Bytes stream = original, expected = original;
-        Bytes out(bits / 8 + 2, 0xEE), expectedOut = out;
+        Bytes stream = original, expected = original, out(bits / 8 + 2, 0xEE), expectedOut = out;
         for (unsigned int i = 0; i < bits; ++i) {
             modelWrite(expectedOut, i, 1, modelRead(original, start + i, 1));
             modelWrite(expected, start + i, 1, modelRead(data, i, 1));
@@ -153,14 +147,14 @@ TEST(BitStreamTest, BulkTransfersMatchModel) {
         Stream s(stream.data(), 16);
         s.seekBitOffset(start, Stream::ORIGIN_BEGIN);
         s.readBitData(out.data(), bits);
-        EXPECT_EQ(out, expectedOut);
         s.writeBitData(data.data(), bits, static_cast<int>(start));
+        EXPECT_EQ(out, expectedOut);
         EXPECT_EQ(stream, expected);
     }
 }
 
-// Two streams over one buffer: at an aligned start the source bytes are moved, overlap or not.
-TEST(BitStreamTest, AlignedCopyMovesSourceBytesWithinASharedBuffer) {
+// At an aligned start the source bytes are moved, also between two streams over one buffer.
+TEST(BitStreamTest, CopyMovesAlignedBytesAndKeepsTheUnalignedLastByteRule) {
     Bytes bytes = {0x92, 0x34, 0x56, 0x78, 0, 0, 0, 0};
     Stream source(bytes.data(), 4), target(bytes.data(), 8);
     source.seekBitOffset(20, Stream::ORIGIN_BEGIN);
@@ -170,15 +164,12 @@ TEST(BitStreamTest, AlignedCopyMovesSourceBytesWithinASharedBuffer) {
     EXPECT_EQ(target.getBitPosition(), 28u);
     target.copy(source, 40);
     const Bytes copied = {0x92, 0x92, 0x34, 0x56, 0, 0x92, 0x92, 0x34};
-    EXPECT_EQ(bytes, copied);
-    EXPECT_EQ(target.getBitStreamBitSize(), 60u);
+    EXPECT_TRUE(bytes == copied && target.getBitStreamBitSize() == 60);
     target.copy(source, 45);
     EXPECT_TRUE(errorFlagSet(target) && bytes == copied);
-}
 
-// At an unaligned start all source bytes but the last go as 8-bit fields, then the last byte
-// shifted right by 7 - bitsize % 8 as a field of bitsize % 8 bits; whole bytes lose the last.
-TEST(BitStreamTest, UnalignedCopyKeepsItsLastByteRule) {
+    // Unaligned, all source bytes but the last go as 8-bit fields, then the last byte shifted
+    // right by 7 - bitsize % 8 as a field of bitsize % 8 bits; whole bytes lose the last.
     // {source bits, bits written, target}: source 1100 0011 1011 0101 0110 1101, from bit 4.
     const std::tuple<uint32_t, uint32_t, Bytes> cases[] = {
         {16, 8, {0x0C, 0x30, 0, 0, 0x5A}},      // the last whole byte is dropped
@@ -188,13 +179,13 @@ TEST(BitStreamTest, UnalignedCopyKeepsItsLastByteRule) {
     unsigned char src[3] = {0xC3, 0xB5, 0x6D};
     for (const auto& [sourceBits, written, expected] : cases) {
         SCOPED_TRACE(sourceBits);
-        Bytes bytes = {0, 0, 0, 0, 0x5A};
-        Stream source(src, 3), target(bytes.data(), 4);
-        source.seekBitOffset(sourceBits, Stream::ORIGIN_BEGIN);
-        target.seekBitOffset(4, Stream::ORIGIN_BEGIN);
-        target.copy(source);
-        EXPECT_EQ(bytes, expected);
-        EXPECT_EQ(target.getBitStreamBitSize(), 4 + written);
+        Bytes out = {0, 0, 0, 0, 0x5A};
+        Stream from(src, 3), to(out.data(), 4);
+        from.seekBitOffset(sourceBits, Stream::ORIGIN_BEGIN);
+        to.seekBitOffset(4, Stream::ORIGIN_BEGIN);
+        to.copy(from);
+        EXPECT_EQ(out, expected);
+        EXPECT_EQ(to.getBitStreamBitSize(), 4 + written);
     }
 }
 

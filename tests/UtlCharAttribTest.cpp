@@ -34,10 +34,9 @@ bool isPairSide(const PairAttrib* row, const std::wstring& text, bool first) {
     return false;
 }
 
-// The pair tables against the NFKC forms that tools/gen_nfkc_pairs.py wrote. The two sides of a
-// width row have the same compatibility form, and so have an unvoiced kana with the combining mark
-// and its voiced or semi-voiced side; every character that Unicode maps between the widths, and
-// every kana that composes with a voicing mark, has its row.
+// Against the NFKC forms from tools/gen_nfkc_pairs.py: both sides of a row share one compatibility
+// form (an unvoiced side with its combining mark), and every character that Unicode maps between
+// the widths, and every kana that composes with a voicing mark, has its row.
 TEST(CharAttribTest, PairTablesAgreeWithAndCoverUnicodeCompatibilityMappings) {
     if (std::strlen(UTL_NFKC_DATA) == 0) {
         GTEST_SKIP() << "python3 was not found at configure time: no NFKC reference data";

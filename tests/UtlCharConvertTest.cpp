@@ -208,16 +208,13 @@ void convertsInEverySize(unsigned int (*convert)(Unit*, unsigned int, const char
 // and substitutions across the switch, and cut or malformed input at the end of a long text.
 TEST(CharConvertTest, LongTextsConvertTheSameIntoEveryBufferSize) {
     using Pieces = std::vector<std::pair<std::string, std::string>>;
-    const auto repeated = [](const std::string& s, int times) {
-        std::string text;
-        while (times-- > 0) {
-            text += s;
-        }
-        return text;
-    };
+    std::string halfWidthRun;  // 16 one-byte characters that become three bytes each
+    for (int i = 0; i < 16; ++i) {
+        halfWidthRun += "\xEF\xBD\xB1";
+    }
     const Pieces sjisPieces = {{"ABCDEFGHIJK", "ABCDEFGHIJK"},
                                {"\x82\xA0", "\xE3\x81\x82"},
-                               {std::string(16, '\xB1'), repeated("\xEF\xBD\xB1", 16)},
+                               {std::string(16, '\xB1'), halfWidthRun},
                                {"\x83\xBF", "\xCE\xB1"},
                                {"\x85\x40", "\0"s},
                                {"\x80\xFD", "\x80\xFD"}};

@@ -98,33 +98,28 @@ TEST_F(HeapAccountingTest, OneObjectForAllThreadsAndAFreshOneAfterDestroy) {
     EXPECT_STREQ("", memory->getThreadName(7));
 }
 
-TEST_F(HeapAccountingTest, AllocationIsRecordedAndASecondOneRefusedWithTheOverMessage) {
+// The table holds one record here: a second allocation is refused with the "over" message; a
+// release clears the slot and lowers the totals while the peaks stay.
+TEST_F(HeapAccountingTest, AllocationsAreRecordedUntilTheTableIsFullAndReleasesClearThem) {
     OutputCapture fd0(0);
     memory->updateManagement(ALLOC, at(0x1234), 100, 7, 41);
-    const Memory::DetailHeapInfo& record = Access::slot(*memory);
-    EXPECT_TRUE(record.mSerial == 1 && record.mAddress == 0x1234 && record.mUseBytes == 100 &&
-                record.mThreadId == utl::ThreadManager::getCallerId() && record.mFileId == 7 &&
-                record.mLine == 41);
-
+    const Memory::DetailHeapInfo& slot = Access::slot(*memory);
+    EXPECT_TRUE(slot.mSerial == 1 && slot.mAddress == 0x1234 && slot.mUseBytes == 100 &&
+                slot.mThreadId == utl::ThreadManager::getCallerId() && slot.mFileId == 7 &&
+                slot.mLine == 41);
     memory->updateManagement(ALLOC, at(0x5678), 200, 3, 42);
     EXPECT_EQ(
         "!!!! DetailHeapInfo management over on allocation\n"
         "MaxCount:1, Address:0x00005678, UseBytes:       200, ThreadId:" +
             callerId() + ", Line:      42, File:, \n",
         fd0.text());
-    EXPECT_TRUE(Access::count(*memory) == 1 && record.mAddress == 0x1234);
+    EXPECT_TRUE(Access::count(*memory) == 1 && slot.mAddress == 0x1234);
     EXPECT_EQ("100/1/100/1", totals(*memory));
-}
 
-TEST_F(HeapAccountingTest, ReleaseRemovesTheRecordAndLowersTotalsWhilePeaksStay) {
-    memory->updateManagement(ALLOC, at(0x1234), 100, 5, 1);
     memory->updateManagement(RELEASE, at(0x1234), 0, 0, 2);
-    const Memory::DetailHeapInfo& slot = Access::slot(*memory);
     EXPECT_TRUE(Access::count(*memory) == 0 && slot.mSerial == 0 && slot.mAddress == 0 &&
-                slot.mUseBytes == 0 && slot.mThreadId == 0 && slot.mFileId == 0 && slot.mLine == 0)
-        << "the vacated slot is cleared";
+                slot.mUseBytes == 0 && slot.mThreadId == 0 && slot.mFileId == 0 && slot.mLine == 0);
     EXPECT_EQ("0/0/100/1", totals(*memory));
-
     memory->updateManagement(ALLOC, at(0x2000), 40, 0, 3);
     EXPECT_EQ("40/1/100/1", totals(*memory));
     memory->updateManagement(-5, at(0x2000), 0, 0, 4);  // any kind but 0 releases

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <iterator>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -36,8 +37,8 @@ std::vector<unsigned char> pack(std::vector<unsigned int>* ends, const T&... val
     return bytes;
 }
 
-// One field of every type. Every value is set and got even after a failure, so that the sticky
-// result alone stops the pass.
+// One field of every type; every value is set and got even after a failure, so that the sticky
+// result alone must stop the pass.
 struct AllTypesMsg : utl::Msg {
     explicit AllTypesMsg(int id) : utl::Msg(id) {}
     void storeDataTo(utl::MsgDataBroker* b) const override {
@@ -57,10 +58,8 @@ struct AllTypesMsg : utl::Msg {
     unsigned char block[3] = {};
 };
 
-// The body is the values in host order without padding, the pointer in the build's width. In a
-// smaller buffer the id is written all the same and the body stops at the last value that fitted:
-// no later, smaller value slips in after a failed one. Restored values, stored again, give the
-// same bytes.
+// Values in host order without padding, the pointer in the build's width. A smaller buffer still
+// gets the id and stops at the last value that fitted: no later, smaller value slips in after it.
 TEST(MsgTest, StoreWritesPackedValuesUpToTheFirstThatDoesNotFitAndRestoreReadsThem) {
     AllTypesMsg m(0x1234);
     m.scalars = {true, 0xF1, 0xF2F3, 0xF4F5F6F7, 0x0102030405060708, -2, -3, -4,
@@ -77,22 +76,21 @@ TEST(MsgTest, StoreWritesPackedValuesUpToTheFirstThatDoesNotFitAndRestoreReadsTh
         SCOPED_TRACE(maxSize);
         ThreadRawMsg raw(maxSize);
         ASSERT_EQ(raw.maxSize(), std::max(maxSize, 4u));
-        EXPECT_EQ(m.storeTo(&raw), maxSize == expected.size());
-        EXPECT_EQ(raw.getResult(), maxSize == expected.size() ? 0 : -1);
-        unsigned int fitted = 4;
-        for (unsigned int end : ends) {
-            fitted = end <= raw.maxSize() ? end : fitted;
-        }
+        const bool fits = maxSize == expected.size();
+        EXPECT_TRUE(m.storeTo(&raw) == fits && raw.getResult() == (fits ? 0 : -1));
+        // The end of the last value that fits; the id (ends[0] = 4) always does.
+        const unsigned int fitted =
+            *std::prev(std::upper_bound(ends.begin(), ends.end(), raw.maxSize()));
         ASSERT_EQ(raw.writePosition(), fitted);
         EXPECT_EQ(std::memcmp(raw.buffer(), expected.data(), fitted), 0);
     }
     EXPECT_FALSE(m.storeTo(nullptr));
 
+    // Restored values, stored again, give the same bytes.
     ThreadRawMsg raw(100), again(100);
     AllTypesMsg restored(0);
     ASSERT_TRUE(m.storeTo(&raw) && restored.restoreFrom(raw) && restored.storeTo(&again));
-    EXPECT_EQ(restored.getMsgId(), 0x1234);
-    EXPECT_EQ(raw.readPosition(), expected.size());
+    EXPECT_TRUE(restored.getMsgId() == 0x1234 && raw.readPosition() == expected.size());
     EXPECT_EQ(std::memcmp(again.buffer(), expected.data(), expected.size()), 0);
 }
 
@@ -149,18 +147,19 @@ TEST(MsgTest, StringLengthChecksAndStringGettersThatFailWithoutSpoiling) {
         {"partial zero unit", {0, 0, 0}, 9, 1, NO_LENGTH},
         {"capacity 0", {0, 0, 0, 0}, 0, NO_LENGTH, NO_LENGTH},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        ThreadRawMsg raw(4 + static_cast<unsigned int>(c.body.size()));
-        utl::copyMemory(raw.buffer() + 4, c.body.data(), static_cast<unsigned int>(c.body.size()));
+    for (const auto& [name, body, capacity, narrow, wide] : cases) {
+        SCOPED_TRACE(name);
+        const auto size = static_cast<unsigned int>(body.size());
+        ThreadRawMsg raw(4 + size);
+        utl::copyMemory(raw.buffer() + 4, body.data(), size);
         raw.beginOutput();
-        EXPECT_EQ(raw.checkOutputStrLength(c.capacity), c.narrow);
-        EXPECT_EQ(raw.checkOutputWideStrLength(c.capacity), c.wide);
-        std::vector<char> text(c.capacity);  // exactly the capacity, so that ASan sees overruns
-        std::vector<wchar_t> wide(c.capacity);
-        EXPECT_EQ(raw.get(text.data(), c.capacity), c.narrow != NO_LENGTH);
+        EXPECT_EQ(raw.checkOutputStrLength(capacity), narrow);
+        EXPECT_EQ(raw.checkOutputWideStrLength(capacity), wide);
+        std::vector<char> text(capacity);  // exactly the capacity, so that ASan sees overruns
+        std::vector<wchar_t> wideText(capacity);
+        EXPECT_EQ(raw.get(text.data(), capacity), narrow != NO_LENGTH);
         raw.beginOutput();
-        EXPECT_EQ(raw.get(wide.data(), c.capacity), c.wide != NO_LENGTH);
+        EXPECT_EQ(raw.get(wideText.data(), capacity), wide != NO_LENGTH);
         EXPECT_EQ(raw.getResult(), 0);
     }
 }
@@ -178,14 +177,13 @@ TEST(MsgTest, CopyConstructionRestartsButAssignmentContinues) {
 
     ThreadRawMsg copy(source), assigned(4);
     assigned = source;
-    EXPECT_EQ(stateOf(copy), "16/0/0/0");
-    EXPECT_EQ(stateOf(assigned), "16/12/8/-1");
+    EXPECT_EQ(stateOf(copy) + " " + stateOf(assigned), "16/0/0/0 16/12/8/-1");
     EXPECT_TRUE(std::memcmp(copy.buffer(), source.buffer(), 16) == 0 &&
                 std::memcmp(assigned.buffer(), source.buffer(), 16) == 0);
 
     ThreadRawMsg& alias = assigned;
     const unsigned char* kept = assigned.buffer();
-    assigned = alias;
+    assigned = alias;  // self-assignment keeps the buffer
     EXPECT_EQ(assigned.buffer(), kept);
 }
 
@@ -213,8 +211,7 @@ TEST(MsgTest, StoreSetsTheIdBeforeBeginningAndRestoreNeedsTheBody) {
     EXPECT_EQ(raw.log, " setMsgId beginInput");
 
     utl::TimerMsg restored;
-    ASSERT_TRUE(restored.restoreFrom(raw));
-    EXPECT_EQ(restored.getTimerId(), 9);
+    EXPECT_TRUE(restored.restoreFrom(raw) && restored.getTimerId() == 9);
 
     ThreadRawMsg idOnly(0);
     ASSERT_TRUE(utl::SimpleMsg(1).storeTo(&idOnly));

@@ -40,8 +40,8 @@ class RiffFileTest : public TempDirTest {
     }
 };
 
-TEST_F(RiffFileTest, NewFileWithOneEmptySubChunkIsTwentyBytes) {
-    const std::string name = path("empty.wav");
+TEST_F(RiffFileTest, NewFilesGetPaddedIdentifiersAndLongOnesAreRefused) {
+    const std::string name = path("new.riff");
     {
         RiffFile riff(name.c_str(), 4);
         RiffFile::AutoClose closer(riff);
@@ -51,6 +51,17 @@ TEST_F(RiffFileTest, NewFileWithOneEmptySubChunkIsTwentyBytes) {
         EXPECT_TRUE(riff.isOpenedSubChunk(0));
     }
     EXPECT_EQ(get(name), "RIFF" + le32(12) + "WAVE" + chunk("data", 0, ""));
+
+    RiffFile riff(name.c_str(), 0);
+    ASSERT_EQ(riff.open(1, 1), RiffFile::OPEN_SUCCESS);
+    EXPECT_FALSE(riff.setFormType("WAVES"));
+    for (const char* id : {"toolong", "abcde", ""}) {
+        EXPECT_EQ(riff.addSubChunk(id), RiffFile::INVALID_NUMBER) << id;
+    }
+    EXPECT_EQ(riff.addSubChunk("a"), 0u);
+    EXPECT_STREQ(riff.getFormType(), "");
+    ASSERT_TRUE(riff.close());
+    EXPECT_EQ(get(name), "RIFF" + le32(12) + "    " + chunk("a   ", 0, ""));
 }
 
 TEST_F(RiffFileTest, OddSizedSubChunkIsFollowedDirectlyByTheNextHeader) {
@@ -61,8 +72,7 @@ TEST_F(RiffFileTest, OddSizedSubChunkIsFollowedDirectlyByTheNextHeader) {
     RiffFile riff(name.c_str(), 0);
     ASSERT_EQ(riff.open(0, 0), RiffFile::OPEN_SUCCESS);
     EXPECT_STREQ(riff.getFormType(), "WAVE");
-    EXPECT_EQ(riff.getSubChunkNumber(), 2u);
-    EXPECT_EQ(riff.getSubChunkNumber("fmt"), 1u);
+    EXPECT_TRUE(riff.getSubChunkNumber() == 2u && riff.getSubChunkNumber("fmt") == 1u);
     EXPECT_EQ(riff.getSubChunkNumber("fmt "), 0u);  // identifiers compare trimmed
 
     // A longer read is shortened to the end of the data, then the end is reported.
@@ -76,22 +86,21 @@ TEST_F(RiffFileTest, OddSizedSubChunkIsFollowedDirectlyByTheNextHeader) {
     EXPECT_TRUE(riff.closeSubChunk());
     ASSERT_TRUE(riff.openSubChunk(1, 0));
     EXPECT_EQ(riff.read(buffer, sizeof(buffer)), 2);
+    EXPECT_TRUE(riff.closeSubChunk());
+
+    // Info lists report the count found, also when more than fit.
+    SubChunkInfo list[2];
+    EXPECT_EQ(riff.getSubChunkInfoList(list, 2), 2);
+    EXPECT_TRUE(list[1].mNumber == 1u && std::string(list[1].mId) == "data" && list[1].mSize == 2u);
+    EXPECT_EQ(riff.getSubChunkInfoList(list, 1), 2);
+    EXPECT_STREQ(list[0].mId, "fmt");
+    EXPECT_TRUE(riff.getSubChunkInfoList(nullptr, 0) == 2 &&
+                riff.getSubChunkInfoList(nullptr, 1) == -1);
+    EXPECT_TRUE(riff.getSubChunkInfoList("data", list, 1) == 1 && list[0].mNumber == 1u);
+    EXPECT_EQ(riff.getSubChunkInfoList("none", list, 1), 0);
+    EXPECT_FALSE(riff.getSubChunkInfo(2, list));
     EXPECT_TRUE(riff.close());
     EXPECT_EQ(get(name).size(), 33u);  // reading changed nothing
-}
-
-TEST_F(RiffFileTest, IdentifiersArePaddedAndLongOnesRefused) {
-    const std::string name = path("ids.riff");
-    RiffFile riff(name.c_str(), 0);
-    ASSERT_EQ(riff.open(1, 1), RiffFile::OPEN_SUCCESS);
-    EXPECT_FALSE(riff.setFormType("WAVES"));
-    EXPECT_EQ(riff.addSubChunk("toolong"), RiffFile::INVALID_NUMBER);
-    EXPECT_EQ(riff.addSubChunk("abcde"), RiffFile::INVALID_NUMBER);
-    EXPECT_EQ(riff.addSubChunk(""), RiffFile::INVALID_NUMBER);
-    EXPECT_EQ(riff.addSubChunk("a"), 0u);
-    EXPECT_STREQ(riff.getFormType(), "");
-    ASSERT_TRUE(riff.close());
-    EXPECT_EQ(get(name), "RIFF" + le32(12) + "    " + chunk("a   ", 0, ""));
 }
 
 TEST_F(RiffFileTest, OpenRefusesBadArgumentsAndMalformedFiles) {
@@ -115,31 +124,31 @@ TEST_F(RiffFileTest, OpenRefusesBadArgumentsAndMalformedFiles) {
     }
 }
 
+// A size far beyond the end of the file (its data ends with the file), a trailing partial
+// header, and sizes whose step would wrap in 32 bits (to 0 or 3 bytes) all end the walk.
 TEST_F(RiffFileTest, WalkStopsAtTruncatedOrOversizedSubChunks) {
     const std::string name = path("walk.riff");
-    // A zero size, then a size far beyond the end of the file, then bytes never reached.
-    put(name, "RIFF" + le32(0) + "TEST" + chunk("zero", 0, "") +
-                  chunk("huge", 0xFFFFFFF0u, "12345") + "tail");
+    const struct {
+        std::string body;
+        uint32_t count;
+    } cases[] = {
+        {chunk("zero", 0, "") + chunk("huge", 0xFFFFFFF0u, "12345") + "tail", 2},
+        {chunk("one", 1, "x") + "par", 1},
+        {chunk("wrap", 0xFFFFFFF8u, "") + chunk("next", 0, ""), 1},
+        {chunk("wrap", 0xFFFFFFFBu, "") + chunk("next", 0, ""), 1},
+    };
     RiffFile riff(name.c_str(), 1);
-    ASSERT_EQ(riff.open(0, 0), RiffFile::OPEN_SUCCESS);
-    EXPECT_EQ(riff.getSubChunkNumber(), 2u);
-    ASSERT_TRUE(riff.openSubChunk(1, 0));
-    char buffer[64];
-    EXPECT_EQ(riff.read(buffer, sizeof(buffer)), 9);  // the data ends with the file
-    EXPECT_EQ(riff.read(buffer, sizeof(buffer)), SubChunk::END_OF_DATA);
-    riff.close();
-
-    // A trailing partial header is not a sub-chunk.
-    put(name, "RIFF" + le32(0) + "TEST" + chunk("one", 1, "x") + "par");
-    ASSERT_EQ(riff.open(0, 0), RiffFile::OPEN_SUCCESS);
-    EXPECT_EQ(riff.getSubChunkNumber(), 1u);
-    riff.close();
-
-    // Sizes whose step would wrap in 32 bits (to 0 or 3 bytes) end the walk after one header.
-    for (unsigned int size : {0xFFFFFFF8u, 0xFFFFFFFBu}) {
-        put(name, "RIFF" + le32(0) + "TEST" + chunk("wrap", size, "") + chunk("next", 0, ""));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.body.substr(0, 4));
+        put(name, "RIFF" + le32(0) + "TEST" + c.body);
         ASSERT_EQ(riff.open(0, 0), RiffFile::OPEN_SUCCESS);
-        EXPECT_EQ(riff.getSubChunkNumber(), 1u);
+        EXPECT_EQ(riff.getSubChunkNumber(), c.count);
+        if (c.count == 2) {
+            ASSERT_TRUE(riff.openSubChunk(1, 0));
+            char buffer[64];
+            EXPECT_EQ(riff.read(buffer, sizeof(buffer)), 9);
+            EXPECT_EQ(riff.read(buffer, sizeof(buffer)), SubChunk::END_OF_DATA);
+        }
         riff.close();
     }
 }
@@ -169,50 +178,38 @@ TEST_F(RiffFileTest, WalkIndexesHeadersAcrossReadBlocks) {
     }
 }
 
-TEST_F(RiffFileTest, SeekStaysInsideTheData) {
+// Seeks stay inside the data; only the last sub-chunk may grow ("fmt" would run into the header
+// of "data"), and sizes reach the headers only when closed.
+TEST_F(RiffFileTest, SeekAndWriteStayInsideTheDataAndSizesReachHeadersWhenClosed) {
     const std::string name = writeSample();
     RiffFile riff(name.c_str(), 0);
     ASSERT_EQ(riff.open(0, 1), RiffFile::OPEN_SUCCESS);
     EXPECT_EQ(riff.seek(0, 0), -1);  // nothing open
     ASSERT_TRUE(riff.openSubChunk(0, 1));
     EXPECT_EQ(riff.position(), 3);
-    const struct {
-        int origin;
-        long long offset;
-        long long expected;
-        long long after;
-    } cases[] = {{0, 1, 1, 1},  {2, 1, 2, 2},  {1, -3, 0, 0}, {1, 0, 3, 3},   {0, -1, -1, 3},
-                 {0, 4, -1, 3}, {1, 1, -1, 3}, {2, 1, -1, 3}, {2, -4, -1, 3}, {3, 0, -1, 3}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(::testing::Message() << c.origin << "," << c.offset);
-        EXPECT_EQ(riff.seek(c.origin, c.offset), c.expected);
-        EXPECT_EQ(riff.position(), c.after);
+    const long long cases[][4] = {{0, 1, 1, 1},   {2, 1, 2, 2},  {1, -3, 0, 0}, {1, 0, 3, 3},
+                                  {0, -1, -1, 3}, {0, 4, -1, 3}, {1, 1, -1, 3}, {2, 1, -1, 3},
+                                  {2, -4, -1, 3}, {3, 0, -1, 3}};
+    for (const auto& c : cases) {  // origin, offset, result, position after
+        SCOPED_TRACE(::testing::Message() << c[0] << "," << c[1]);
+        EXPECT_EQ(riff.seek(int(c[0]), c[1]), c[2]);
+        EXPECT_EQ(riff.position(), c[3]);
     }
-}
+    ASSERT_TRUE(riff.closeSubChunk());
 
-TEST_F(RiffFileTest, SizesReachTheHeadersOnlyWhenClosed) {
-    const std::string name = writeSample();
-    RiffFile riff(name.c_str(), 0);
-    ASSERT_EQ(riff.open(0, 1), RiffFile::OPEN_SUCCESS);
-    // Only the last sub-chunk may grow: "fmt" would run into the header of "data".
     ASSERT_TRUE(riff.openSubChunk(0, 0));
-    EXPECT_EQ(riff.write("AB", 2), 2);
-    EXPECT_EQ(riff.write("CD", 2), -1);
-    EXPECT_EQ(riff.size(), 3);
+    EXPECT_TRUE(riff.write("AB", 2) == 2 && riff.write("CD", 2) == -1 && riff.size() == 3);
     ASSERT_TRUE(riff.closeSubChunk());
 
     ASSERT_TRUE(riff.openSubChunk(1, 1));
-    EXPECT_EQ(riff.write("zz", 2), 2);
-    EXPECT_EQ(riff.size(), 4);
+    EXPECT_TRUE(riff.write("zz", 2) == 2 && riff.size() == 4);
     SubChunkInfo info;
-    ASSERT_TRUE(riff.getSubChunkInfo(1, &info));
-    EXPECT_EQ(info.mSize, 4u);
-    EXPECT_EQ(get(name).substr(27, 4), le32(2));  // the header is not touched yet
+    EXPECT_TRUE(riff.getSubChunkInfo(1, &info) && info.mSize == 4u);
+    EXPECT_EQ(get(name).substr(27, 4), le32(2));
     ASSERT_TRUE(riff.closeSubChunk());
     EXPECT_EQ(get(name).substr(27, 4), le32(4));
     char byte = 0;
-    EXPECT_EQ(riff.read(&byte, 1), -1);
-    EXPECT_EQ(riff.write("x", 1), -1);
+    EXPECT_TRUE(riff.read(&byte, 1) == -1 && riff.write("x", 1) == -1);  // nothing open
     EXPECT_EQ(get(name).substr(4, 4), le32(25));
     EXPECT_TRUE(riff.close());
     EXPECT_EQ(get(name),
@@ -229,27 +226,6 @@ TEST_F(RiffFileTest, CloseRepairsAStaleRiffSize) {
     ASSERT_EQ(riff.open(0, 1), RiffFile::OPEN_SUCCESS);
     EXPECT_TRUE(riff.close());
     EXPECT_EQ(get(name).substr(4, 4), le32(13));
-}
-
-TEST_F(RiffFileTest, InfoListsReportTheCountFound) {
-    const std::string name = writeSample();
-    RiffFile riff(name.c_str(), 0);
-    ASSERT_EQ(riff.open(0, 0), RiffFile::OPEN_SUCCESS);
-    SubChunkInfo list[2];
-    EXPECT_EQ(riff.getSubChunkInfoList(list, 2), 2);
-    EXPECT_EQ(list[1].mNumber, 1u);
-    EXPECT_STREQ(list[1].mId, "data");
-    EXPECT_EQ(list[1].mSize, 2u);
-
-    SubChunkInfo one[1];
-    EXPECT_EQ(riff.getSubChunkInfoList(one, 1), 2);  // more than fit
-    EXPECT_STREQ(one[0].mId, "fmt");
-    EXPECT_EQ(riff.getSubChunkInfoList(nullptr, 0), 2);
-    EXPECT_EQ(riff.getSubChunkInfoList(nullptr, 1), -1);
-    EXPECT_EQ(riff.getSubChunkInfoList("data", one, 1), 1);
-    EXPECT_EQ(one[0].mNumber, 1u);
-    EXPECT_EQ(riff.getSubChunkInfoList("none", one, 1), 0);
-    EXPECT_FALSE(riff.getSubChunkInfo(2, one));
 }
 
 }  // namespace
