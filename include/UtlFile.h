@@ -202,8 +202,8 @@ class File {
     bool resize(unsigned long long newSize);
 
     // Whether another opener holds `path` locked; `*sharedOnly` (may be null) becomes true when
-    // all holders only read. False for a directory, a missing file, or one this process cannot
-    // open for reading.
+    // all holders only read and is never set to false, so initialise it. False for a directory,
+    // a missing file, or one this process cannot open for reading.
     static bool isOpened(const char* path, bool* sharedOnly);
 
     // Name parts of `path`, stored in `out` of `size` bytes; false for an invalid path or when the
