@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
-#include <map>
+#include <initializer_list>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -17,14 +17,14 @@
 namespace {
 
 using utl::MsgDrivenSharedThread;
-using utl::MsgDrivenThread;
+using utl::ThreadMsgListener;
 
 constexpr int kLibraryLogType = -2;
 constexpr int kValueId = 100;
 constexpr int kOtherId = 101;
 constexpr int kBlockId = 102;
 
-// A message with a 20-byte body.
+// A message with a 20-byte body: one value more than the test loop's 16 bytes.
 class FiveValueMsg : public QuadMsg {
   public:
     FiveValueMsg() : QuadMsg(kValueId) {}
@@ -35,80 +35,79 @@ class FiveValueMsg : public QuadMsg {
 };
 
 // The order in which named listeners received messages, across all of them.
-class Journal {
-  public:
-    void note(const std::string& entry) {
-        std::lock_guard<std::mutex> guard(mMutex);
-        mEntries.push_back(entry);
+struct Journal {
+    std::mutex mutex;
+    std::vector<std::string> entries;
+    std::vector<std::string> read() {
+        std::lock_guard<std::mutex> guard(mutex);
+        return entries;
     }
-    std::vector<std::string> entries() const {
-        std::lock_guard<std::mutex> guard(mMutex);
-        return mEntries;
-    }
-    size_t size() const {
-        std::lock_guard<std::mutex> guard(mMutex);
-        return mEntries.size();
-    }
-
-  private:
-    mutable std::mutex mMutex;
-    std::vector<std::string> mEntries;
 };
 
-// A recording listener that notes "<name>:<value>" in a journal for each message.
+// Notes "<name>:<value>" in the journal for each message but kBlockId.
 class NamedListener : public RecordingListener {
   public:
     NamedListener(const std::string& name, Journal& journal) {
-        onReceive = [name, &journal, this](const Received& r) {
-            if (r.mId == kBlockId) {
-                return;
-            }
-            journal.note(name + ":" + std::to_string(r.mValue));
-            if (onNamedReceive) {
-                onNamedReceive(r);
+        onReceive = [name, &journal](const Received& r) {
+            std::lock_guard<std::mutex> guard(journal.mutex);
+            if (r.mId != kBlockId) {
+                journal.entries.push_back(name + ":" + std::to_string(r.mValue));
             }
         };
     }
-    std::function<void(const Received&)> onNamedReceive;
 };
 
-// A listener whose kBlockId message holds the loop until the test lets it go, running `whileHeld`
-// in the loop thread first.
-class Blocker : public utl::ThreadMsgListener {
-  public:
-    void receiveMsg(int, utl::ThreadRawMsg& raw) override {
-        int id = 0;
-        raw.getMsgId(&id);
-        if (id != kBlockId) {
-            return;
-        }
-        held.open();
-        release.wait();
-        if (whileHeld) {
-            whileHeld();
-        }
+// The loop's first listener is `blocker`, which holds the loop on a kBlockId message until
+// `release` opens, then runs `whileHeld` in the loop thread.
+class SharedThreadTest : public ::testing::Test {
+  protected:
+    SharedThreadTest() {
+        blocker.onReceive = [this](const Received& r) {
+            if (r.mId == kBlockId) {
+                held.open();
+                release.wait();
+                if (whileHeld) {
+                    whileHeld();
+                }
+            }
+        };
     }
+    ~SharedThreadTest() override { shared.stop(1, 0); }
+
+    void startWith(std::initializer_list<ThreadMsgListener*> listeners) {
+        for (ThreadMsgListener* l : listeners) {
+            ASSERT_TRUE(shared.attachMsgListener(l));
+        }
+        ASSERT_EQ(0, shared.start());
+    }
+    // Posts kBlockId and returns once the loop is held in `blocker`.
+    void hold() {
+        ASSERT_TRUE(shared.postMsg(kBlockId));
+        ASSERT_TRUE(held.wait());
+    }
+
+    Journal journal;
+    MsgDrivenSharedThread shared{16, 32, 4, "shared", 4};
+    RecordingListener blocker;
     Gate held;
     Gate release;
     std::function<void()> whileHeld;
 };
 
-class SharedThreadTest : public ::testing::Test {
-  protected:
-    ~SharedThreadTest() override { shared.stop(1, 0); }
-
-    Journal journal;
-    MsgDrivenSharedThread shared{16, 32, 4, "shared", 4};
-};
-
+// The list holds four, whether a change is made directly (before the start, after the end) or
+// travels through the loop.
 TEST_F(SharedThreadTest, BroadcastRunsFromLastListenerToFirstAndAddressedReachesOneListener) {
-    NamedListener a("a", journal), b("b", journal), c("c", journal);
-    ASSERT_TRUE(shared.attachMsgListener(&a));  // before the start: directly
-    ASSERT_TRUE(shared.attachMsgListener(&b));
-    ASSERT_TRUE(shared.attachMsgListener(&a));  // once only
+    NamedListener a("a", journal), b("b", journal), c("c", journal), s("s", journal),
+        t("t", journal);
+    for (NamedListener* l : {&a, &b, &a, &s, &t}) {  // a is listed once, or t would not fit
+        ASSERT_TRUE(shared.attachMsgListener(l));
+    }
+    EXPECT_FALSE(shared.attachMsgListener(&c));
     ASSERT_EQ(0, shared.start());
-    ASSERT_TRUE(shared.attachMsgListener(&c));  // through the loop
+    EXPECT_FALSE(shared.attachMsgListener(&c));
     EXPECT_FALSE(shared.attachMsgListener(nullptr));
+    ASSERT_TRUE(shared.detachMsgListener(&s));
+    ASSERT_TRUE(shared.attachMsgListener(&c));
 
     ASSERT_TRUE(shared.sendMsgSync(ValueMsg(kValueId, 1)));
     ASSERT_TRUE(shared.postMsg(&b, ValueMsg(kValueId, 2)));
@@ -116,9 +115,9 @@ TEST_F(SharedThreadTest, BroadcastRunsFromLastListenerToFirstAndAddressedReaches
     ASSERT_TRUE(shared.sendMsgInterrupt(&c, ValueMsg(kValueId, 4)));
     ASSERT_TRUE(shared.sendMsgSync(&b, kOtherId));
     EXPECT_EQ(kOtherId, b.received().back().mId);
-    std::vector<std::string> entries = journal.entries();
+    std::vector<std::string> entries = journal.read();
     entries.pop_back();  // the value of the SimpleMsg is whatever its slot held before
-    EXPECT_EQ((std::vector<std::string>{"c:1", "b:1", "a:1", "b:2", "a:3", "c:4"}), entries);
+    EXPECT_EQ((std::vector<std::string>{"c:1", "t:1", "b:1", "a:1", "b:2", "a:3", "c:4"}), entries);
     EXPECT_EQ(shared.getId(), a.received().front().mThreadId);
 
     EXPECT_FALSE(shared.postMsg(nullptr, ValueMsg(kValueId)));
@@ -127,112 +126,83 @@ TEST_F(SharedThreadTest, BroadcastRunsFromLastListenerToFirstAndAddressedReaches
     ASSERT_TRUE(shared.detachMsgListener(&c));
     ASSERT_TRUE(shared.sendMsgSync(kOtherId));
     EXPECT_EQ(2u, c.count());
+    ASSERT_EQ(0, shared.stop(1, 0));
+    ASSERT_TRUE(shared.detachMsgListener(&a));
+    EXPECT_TRUE(shared.attachMsgListener(&c));
+    EXPECT_TRUE(shared.attachMsgListener(&s));  // fits only if a has left
 }
 
 TEST_F(SharedThreadTest, ListenersDetachingDuringABroadcastSkipNobodyAndRepeatNobody) {
     NamedListener a("a", journal), b("b", journal), c("c", journal), d("d", journal);
     NamedListener late("late", journal);
-    for (NamedListener* l : {&a, &b, &c, &d}) {
-        ASSERT_TRUE(shared.attachMsgListener(l));
-    }
-    // During the first broadcast c detaches d (served before it) and itself, and attaches late,
-    // which first receives the next message.
-    c.onNamedReceive = [&](const Received& r) {
+    // c detaches d (served before it) and itself, and attaches late, which starts with message 2.
+    const auto noteC = c.onReceive;
+    c.onReceive = [&, noteC](const Received& r) {
+        noteC(r);
         if (r.mValue == 1) {
             EXPECT_TRUE(shared.detachMsgListener(&d));
             EXPECT_TRUE(shared.detachMsgListener(&c));
             EXPECT_TRUE(shared.attachMsgListener(&late));
         }
     };
-    ASSERT_EQ(0, shared.start());
+    startWith({&a, &b, &c, &d});
     ASSERT_TRUE(shared.sendMsgSync(ValueMsg(kValueId, 1)));
     ASSERT_TRUE(shared.sendMsgSync(ValueMsg(kValueId, 2)));
     EXPECT_EQ((std::vector<std::string>{"d:1", "c:1", "b:1", "a:1", "late:2", "b:2", "a:2"}),
-              journal.entries());
-}
-
-TEST_F(SharedThreadTest, ListenerListIsBoundedAndChangesDirectlyWhenTheLoopHasEnded) {
-    RecordingListener l[5];
-    for (int i = 0; i < 4; ++i) {
-        ASSERT_TRUE(shared.attachMsgListener(&l[i]));
-    }
-    EXPECT_FALSE(shared.attachMsgListener(&l[4]));
-    ASSERT_EQ(0, shared.start());
-    EXPECT_FALSE(shared.attachMsgListener(&l[4]));
-    ASSERT_EQ(0, shared.stop(1, 0));
-    ASSERT_TRUE(shared.detachMsgListener(&l[0]));
-    EXPECT_TRUE(shared.attachMsgListener(&l[4]));
+              journal.read());
 }
 
 TEST_F(SharedThreadTest, AttachThatCannotReachTheLoopIsLogged) {
-    MsgDrivenSharedThread small(8, 1, 2, "small", 0);
-    Blocker blocker;
     RecordingListener other;
-    ASSERT_TRUE(small.attachMsgListener(&blocker));
-    ASSERT_EQ(0, small.start());
-    ASSERT_TRUE(small.postMsg(kBlockId));
-    ASSERT_TRUE(blocker.held.wait());
-    ASSERT_TRUE(small.postMsg(kValueId));  // fills the one-message queue
+    startWith({&blocker});
+    hold();
+    while (shared.postMsg(kValueId)) {
+    }
     LogCapture log;
-    EXPECT_FALSE(small.attachMsgListener(&other));
-    EXPECT_FALSE(small.detachMsgListener(&blocker));
-    blocker.release.open();
+    EXPECT_FALSE(shared.attachMsgListener(&other));
+    EXPECT_FALSE(shared.detachMsgListener(&blocker));
+    release.open();
     EXPECT_TRUE(log.contains("MsgDrivenSharedThread::attachMsgListener(): Can't send thread"));
     EXPECT_TRUE(log.contains("MsgDrivenSharedThread::detachMsgListener(): Can't send thread"));
-    small.stop(1, 0);
 }
 
 TEST_F(SharedThreadTest, SearchesTellAddressedFromBroadcastMessages) {
-    Blocker blocker;
     NamedListener a("a", journal), b("b", journal);
-    for (utl::ThreadMsgListener* l : std::vector<utl::ThreadMsgListener*>{&blocker, &a, &b}) {
-        ASSERT_TRUE(shared.attachMsgListener(l));
-    }
-    ASSERT_EQ(0, shared.start());
-    ASSERT_TRUE(shared.postMsg(kBlockId));
-    ASSERT_TRUE(blocker.held.wait());
+    startWith({&blocker, &a, &b});
+    hold();
     ASSERT_TRUE(shared.postMsg(&a, ValueMsg(kValueId, 7)));
     ASSERT_TRUE(shared.postMsg(&b, ValueMsg(kOtherId, 8)));
     ASSERT_TRUE(shared.postMsg(ValueMsg(kOtherId, 9)));
     ASSERT_TRUE(shared.postMsg(&a, ValueMsg(kOtherId, 10)));
-    // The searches run in the loop thread, where they search the queue at once.
-    std::map<std::string, int> found;
+    // In the loop thread the searches look at the queue at once. In order: hasMsg for a, b and
+    // broadcast; getFirstMsgId for a, b and broadcast; peekMsg for a; eraseMsg for a, broadcast.
+    std::vector<int> found;
     utl::ThreadRawMsg peeked(64);
-    blocker.whileHeld = [&] {
-        found["a has value"] = shared.hasMsg(&a, kValueId);
-        found["b has value"] = shared.hasMsg(&b, kValueId);
-        found["broadcast has value"] = shared.hasMsg(kValueId);
-        found["a first"] = shared.getFirstMsgId(&a);
-        found["b first"] = shared.getFirstMsgId(&b);
-        found["broadcast first"] = shared.getFirstMsgId();
-        found["peek a"] = shared.peekMsg(&a, MsgDrivenThread::MSG_ID_WILDCARD, &peeked);
-        found["erase a other"] = shared.eraseMsg(&a, kOtherId);
-        found["broadcast erase"] = shared.eraseMsg(kOtherId);
+    whileHeld = [&] {
+        found = {shared.hasMsg(&a, kValueId),
+                 shared.hasMsg(&b, kValueId),
+                 shared.hasMsg(kValueId),
+                 shared.getFirstMsgId(&a),
+                 shared.getFirstMsgId(&b),
+                 shared.getFirstMsgId(),
+                 shared.peekMsg(&a, utl::MsgDrivenThread::MSG_ID_WILDCARD, &peeked),
+                 shared.eraseMsg(&a, kOtherId),
+                 shared.eraseMsg(kOtherId)};
     };
-    blocker.release.open();
+    release.open();
     ASSERT_TRUE(shared.sendMsgSync(&a, kBlockId));
-    EXPECT_EQ(1, found["a has value"]);
-    EXPECT_EQ(0, found["b has value"]);
-    EXPECT_EQ(0, found["broadcast has value"]);
-    EXPECT_EQ(kValueId, found["a first"]);
-    EXPECT_EQ(kOtherId, found["b first"]);
-    EXPECT_EQ(kOtherId, found["broadcast first"]);
+    EXPECT_EQ((std::vector<int>{1, 0, 0, kValueId, kOtherId, kOtherId, 1, 1, 1}), found);
     ValueMsg value(0);
-    ASSERT_EQ(1, found["peek a"]);
     ASSERT_TRUE(value.restoreFrom(peeked));  // the listener's own message, unwrapped
     EXPECT_EQ(kValueId, value.getMsgId());
     EXPECT_EQ(7, value.mValue);
-    EXPECT_EQ(1, found["erase a other"]);
-    EXPECT_EQ(1, found["broadcast erase"]);
-    // a lost its kOtherId message, the broadcast is gone; b keeps its addressed kOtherId.
-    EXPECT_EQ((std::vector<std::string>{"a:7", "b:8"}), journal.entries());
+    // b keeps its addressed kOtherId.
+    EXPECT_EQ((std::vector<std::string>{"a:7", "b:8"}), journal.read());
 }
 
 TEST_F(SharedThreadTest, OwnedTimersReachTheirOwnerAndBroadcastTimersEveryone) {
     NamedListener a("a", journal), b("b", journal);
-    ASSERT_TRUE(shared.attachMsgListener(&a));
-    ASSERT_TRUE(shared.attachMsgListener(&b));
-    ASSERT_EQ(0, shared.start());
+    startWith({&a, &b});
     const int owned = shared.setTimer(&a, 5, 0, 2);
     ASSERT_NE(-1, owned);
     ASSERT_TRUE(waitUntil([&] { return a.count() == 2; }));
@@ -245,40 +215,34 @@ TEST_F(SharedThreadTest, OwnedTimersReachTheirOwnerAndBroadcastTimersEveryone) {
 }
 
 TEST_F(SharedThreadTest, AbortMsgKillsTheListenersTimersAndErasesWhatIsAddressedToIt) {
-    Blocker blocker;
     NamedListener a("a", journal), b("b", journal);
-    for (utl::ThreadMsgListener* l : std::vector<utl::ThreadMsgListener*>{&blocker, &a, &b}) {
-        ASSERT_TRUE(shared.attachMsgListener(l));
-    }
-    ASSERT_EQ(0, shared.start());
+    startWith({&blocker, &a, &b});
     const int timerA = shared.setTimer(&a, 2);
     const int timerB = shared.setTimer(&b, 2);
     ASSERT_TRUE(waitUntil([&] { return a.count() > 0 && b.count() > 0; }));
-    ASSERT_TRUE(shared.postMsg(kBlockId));
-    ASSERT_TRUE(blocker.held.wait());
+    hold();
     ASSERT_TRUE(shared.postMsg(&a, ValueMsg(kValueId, 41)));
     ASSERT_TRUE(shared.postMsg(&b, ValueMsg(kValueId, 42)));
     bool aborted = false;
     Sender abort([&] { aborted = shared.abortMsg(&a); });  // waits for the loop
     ASSERT_TRUE(abort.awaitBlocked());
-    blocker.release.open();
+    release.open();
     abort.join();
     EXPECT_TRUE(aborted);
     EXPECT_FALSE(shared.abortMsg(nullptr));
     const size_t afterAbort = a.count();
     ASSERT_TRUE(shared.sendMsgSync(ValueMsg(kValueId, 3)));
     ASSERT_TRUE(waitUntil([&] {
-        std::vector<Received> r = b.received();
-        return std::count_if(r.begin(), r.end(),
-                             [&](const Received& x) { return x.mId == utl::TimerMsg::ID; }) > 3;
+        const std::vector<int> ids = b.ids();
+        return std::count(ids.begin(), ids.end(), utl::TimerMsg::ID) > 3;
     }));
     // a got the broadcast alone: no addressed message, no further expiry of its timer.
     std::vector<Received> late = a.received();
     ASSERT_EQ(afterAbort + 1, late.size());
     EXPECT_EQ(3, late.back().mValue);
-    std::vector<std::string> entries = journal.entries();
-    EXPECT_NE(entries.end(), std::find(entries.begin(), entries.end(), "b:42"));
-    EXPECT_EQ(entries.end(), std::find(entries.begin(), entries.end(), "a:41"));
+    const std::vector<std::string> entries = journal.read();
+    EXPECT_EQ(1, std::count(entries.begin(), entries.end(), "b:42"));
+    EXPECT_EQ(0, std::count(entries.begin(), entries.end(), "a:41"));
     EXPECT_FALSE(shared.killTimer(timerA));
     EXPECT_TRUE(shared.killTimer(timerB));
 }
@@ -289,35 +253,21 @@ TEST(SharedThreadReliabilityTest, ListenersComingAndGoingUnderLoad) {
     constexpr int kCyclers = 4;
     constexpr int kRounds = 300;
     MsgDrivenSharedThread shared(16, 64, kCyclers + 1, "churn", 8);
-    std::atomic<int> permanentCount{0}, violations{0};
-    struct Cycler : utl::ThreadMsgListener {
-        std::atomic<bool> gone{true};
-        std::atomic<int>* violations = nullptr;
-        std::atomic<int> addressed{0};
+    struct Counter : ThreadMsgListener {
+        std::atomic<bool> gone{false};
+        std::atomic<int> violations{0}, addressed{0}, broadcasts{0};
         void receiveMsg(int, utl::ThreadRawMsg& raw) override {
-            if (gone) {
-                ++*violations;
-            }
             int id = 0;
             raw.getMsgId(&id);
+            violations += gone ? 1 : 0;
             addressed += id == kOtherId ? 1 : 0;
+            broadcasts += id == kValueId ? 1 : 0;
         }
-    } cyclers[kCyclers];
-    struct Permanent : utl::ThreadMsgListener {
-        std::atomic<int>* count = nullptr;
-        void receiveMsg(int, utl::ThreadRawMsg& raw) override {
-            int id = 0;
-            raw.getMsgId(&id);
-            *count += id == kValueId ? 1 : 0;
-        }
-    } permanent;
-    permanent.count = &permanentCount;
+    } cyclers[kCyclers], permanent;
     ASSERT_TRUE(shared.attachMsgListener(&permanent));
     ASSERT_EQ(0, shared.start());
-    // Refusals of a full queue are expected here: keep them out of the output.
-    setFilterLevel(kLibraryLogType, 0);
+    setFilterLevel(kLibraryLogType, 0);  // refusals of a full queue are expected here
 
-    // Broadcasts go on for as long as the listeners come and go.
     std::atomic<bool> churning{true};
     int broadcasts = 0;
     std::thread broadcaster([&] {
@@ -329,18 +279,17 @@ TEST(SharedThreadReliabilityTest, ListenersComingAndGoingUnderLoad) {
             }
         }
     });
-    std::vector<std::thread> threads;
+    // Requests may find the queue full of broadcasts: each is tried again.
     const auto retry = [](const std::function<bool()>& request) {
         while (!request()) {
             std::this_thread::yield();
         }
     };
-    for (Cycler& c : cyclers) {
-        c.violations = &violations;
+    std::vector<std::thread> threads;
+    for (Counter& c : cyclers) {
         threads.emplace_back([&] {
             for (int round = 0; round < kRounds; ++round) {
                 c.gone = false;
-                // Requests may find the queue full of broadcasts: each is tried again.
                 retry([&] { return shared.attachMsgListener(&c); });
                 retry([&] { return shared.sendMsgSync(&c, kOtherId); });
                 shared.postMsg(&c, kOtherId);
@@ -360,9 +309,9 @@ TEST(SharedThreadReliabilityTest, ListenersComingAndGoingUnderLoad) {
     broadcaster.join();
     setFilterLevel(kLibraryLogType, 4);
     ASSERT_TRUE(shared.sendMsgSync(kOtherId));
-    EXPECT_EQ(0, violations.load());
-    EXPECT_EQ(broadcasts, permanentCount.load());
-    for (Cycler& c : cyclers) {
+    EXPECT_EQ(broadcasts, permanent.broadcasts.load());
+    for (Counter& c : cyclers) {
+        EXPECT_EQ(0, c.violations.load());
         EXPECT_GE(c.addressed.load(), kRounds);
     }
     EXPECT_EQ(8u, shared.remTimerIdCount());

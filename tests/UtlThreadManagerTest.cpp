@@ -7,9 +7,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -50,7 +52,7 @@ TEST(ThreadPriorityTest, LabelsAndOsValuesMapBothWays) {
     const struct {
         int osValue;
         int label;
-    } reverse[] = {{-20, 0}, {-4, 0}, {-3, 1}, {-2, 1}, {3, 6}, {4, -1}, {19, -1}};
+    } reverse[] = {{-20, 0}, {-4, 0}, {-3, 1}, {-2, 1}, {3, 6}, {4, -1}};
     for (const auto& row : reverse) {
         priority.OsValue(row.osValue);
         EXPECT_EQ(priority.value(), row.label) << row.osValue;
@@ -98,209 +100,178 @@ class Worker : public Thread {
     Gate release;
 };
 
-TEST(ThreadTest, LifeCycleRunsInOrderAndReportsItsResult) {
-    Worker worker;
-    EXPECT_EQ(worker.getId(), 0);
-    EXPECT_EQ(worker.stop(1, 100), -1) << "not started";
-    EXPECT_EQ(worker.waitTo(3, 100), -1) << "nothing to wait for before the start";
-    EXPECT_EQ(worker.waitTo(2, 100), -1);
-    EXPECT_EQ(worker.waitTo(5, 100), -1);
-    EXPECT_FALSE(worker.hasDone(4));
+// The new thread also sets its own priority before its work, and only it may change it.
+TEST(ThreadTest, LifeCycleRunsInOrderAtItsPriorityAndReportsItsResult) {
+    int id = 0;
+    {
+        Worker worker;
+        EXPECT_EQ(worker.getId(), 0);
+        EXPECT_EQ(worker.stop(1, 100), -1) << "not started";
+        EXPECT_EQ(worker.waitTo(3, 100), -1) << "nothing to wait for before the start";
+        EXPECT_EQ(worker.waitTo(2, 100), -1);
+        EXPECT_EQ(worker.waitTo(5, 100), -1);
+        EXPECT_FALSE(worker.hasDone(4));
+        std::atomic<int> changed{-1}, invalid{-1}, niceAfter{-100};
+        worker.body = [&](Worker& self) {
+            changed = self.setPriority(ThreadPriority(ThreadPriority::IDLE));
+            invalid = self.setPriority(ThreadPriority(8));
+            niceAfter = getpriority(PRIO_PROCESS, 0);
+        };
+        LogCapture log;
 
-    ASSERT_EQ(worker.start(0, 0, nullptr, 1, 0), 0);
-    EXPECT_EQ(worker.start(), -1) << "a thread starts once";
-    ASSERT_TRUE(worker.running.wait());
-    EXPECT_EQ(worker.idInside, worker.getId());
-    EXPECT_TRUE(worker.hasDone(0) && worker.hasDone(1) && !worker.hasDone(2) && !worker.hasDone(3));
-    EXPECT_TRUE(worker.isRunning());
-    unsigned int result = 0;
-    EXPECT_FALSE(worker.getResult(&result));
-    EXPECT_EQ(worker.waitTo(3, 20), utl::Event::WAIT_TIMEOUT);
+        ASSERT_EQ(worker.start(0, 0, nullptr, 1, 0, ThreadPriority(ThreadPriority::LOW)), 0);
+        EXPECT_EQ(worker.start(), -1) << "a thread starts once";
+        ASSERT_TRUE(worker.running.wait());
+        EXPECT_EQ(worker.idInside, worker.getId());
+        EXPECT_TRUE(worker.hasDone(0) && worker.hasDone(1) && !worker.hasDone(2) &&
+                    !worker.hasDone(3));
+        EXPECT_TRUE(worker.isRunning());
+        unsigned int result = 0;
+        EXPECT_FALSE(worker.getResult(&result));
+        EXPECT_EQ(worker.waitTo(3, 20), utl::Event::WAIT_TIMEOUT);
+        EXPECT_FALSE(worker.leaveManagement()) << "a running thread stays registered";
+        EXPECT_EQ(worker.niceInside, 2);
+        EXPECT_EQ(changed, 1);
+        EXPECT_EQ(invalid, 0);
+        EXPECT_EQ(niceAfter, 3);
+        EXPECT_TRUE(log.contains("ThreadManager::setPriority() Error ID:" +
+                                 std::to_string(worker.getId()) + ", invalidOsValue:100"));
+        ThreadPriority priority;
+        ASSERT_TRUE(worker.getPriority(&priority));
+        EXPECT_EQ(priority.OsValue(), 3);
+        EXPECT_FALSE(worker.setPriority(ThreadPriority(ThreadPriority::LOW)));
+        EXPECT_FALSE(ThreadManager::get()->setPriority(ThreadManager::getCallerId(), priority))
+            << "the test's thread is not registered";
 
-    EXPECT_EQ(worker.stop(1, 0), 0);
-    EXPECT_EQ(worker.stopRequests, 1);
-    EXPECT_TRUE(worker.hasRequestedStop() && worker.hasDone(3));
-    EXPECT_FALSE(worker.isRunning());
-    EXPECT_TRUE(worker.getResult(&result));
-    EXPECT_EQ(result, 42u);
-    EXPECT_FALSE(worker.getResult(nullptr));
-    EXPECT_EQ(worker.steps, (std::vector<std::string>{"pre", "execute", "post"}));
-    EXPECT_EQ(worker.stop(1, 0), -1) << "finished";
-    EXPECT_EQ(worker.waitTo(3, 0), 0);
+        EXPECT_EQ(worker.stop(1, 0), 0);
+        EXPECT_EQ(worker.stopRequests, 1);
+        EXPECT_TRUE(worker.hasRequestedStop() && worker.hasDone(3));
+        EXPECT_FALSE(worker.isRunning());
+        EXPECT_TRUE(worker.getResult(&result));
+        EXPECT_EQ(result, 42u);
+        EXPECT_FALSE(worker.getResult(nullptr));
+        EXPECT_EQ(worker.steps, (std::vector<std::string>{"pre", "execute", "post"}));
+        EXPECT_EQ(worker.stop(1, 0), -1) << "finished";
+        EXPECT_EQ(worker.waitTo(3, 0), 0);
+        id = worker.getId();
+        EXPECT_TRUE(ThreadManager::get()->isThreadExist(id));
+    }
+    EXPECT_FALSE(ThreadManager::get()->isThreadExist(id))
+        << "the object takes it out of the registry";
 }
 
 TEST(ThreadTest, DefaultExecuteRunsTheCommandOrFails) {
     struct Answer : utl::Command {
         unsigned int execute() override { return 7; }
     } answer;
-    Thread withCommand("command", &answer);
-    Thread without("none", nullptr);
-    ASSERT_EQ(withCommand.start(), 0);
-    ASSERT_EQ(without.start(), 0);
-    ASSERT_EQ(withCommand.waitTo(3, 0), 0);
-    ASSERT_EQ(without.waitTo(3, 0), 0);
-    unsigned int result = 0;
-    EXPECT_TRUE(withCommand.getResult(&result));
-    EXPECT_EQ(result, 7u);
-    EXPECT_TRUE(without.getResult(&result));
-    EXPECT_EQ(result, ~0u);
-}
-
-TEST(ThreadTest, NewThreadRunsAtItsPriorityAndOnlyItChangesIt) {
-    Worker worker;
-    std::atomic<int> changed{-1};
-    std::atomic<int> invalid{-1};
-    std::atomic<int> niceAfter{-100};
-    worker.body = [&](Worker& self) {
-        changed = self.setPriority(ThreadPriority(ThreadPriority::IDLE));
-        invalid = self.setPriority(ThreadPriority(8));
-        niceAfter = getpriority(PRIO_PROCESS, 0);
-    };
-    LogCapture log;
-    ASSERT_EQ(worker.start(0, 0, nullptr, 0, 0, ThreadPriority(ThreadPriority::LOW)), 0);
-    ASSERT_TRUE(worker.running.wait());
-    EXPECT_EQ(worker.niceInside, 2) << "set by the new thread before its work";
-    EXPECT_EQ(changed, 1);
-    EXPECT_EQ(invalid, 0);
-    EXPECT_EQ(niceAfter, 3);
-    EXPECT_TRUE(log.contains("ThreadManager::setPriority() Error ID:" +
-                             std::to_string(worker.getId()) + ", invalidOsValue:100"));
-    ThreadPriority priority;
-    ASSERT_TRUE(worker.getPriority(&priority));
-    EXPECT_EQ(priority.OsValue(), 3);
-    EXPECT_FALSE(worker.setPriority(ThreadPriority(ThreadPriority::LOW)))
-        << "only the thread itself may change its priority";
-    EXPECT_FALSE(ThreadManager::get()->setPriority(ThreadManager::getCallerId(), priority))
-        << "the test's thread is not registered";
+    for (utl::Command* command : std::initializer_list<utl::Command*>{&answer, nullptr}) {
+        Thread thread("command", command);
+        ASSERT_EQ(thread.start(), 0);
+        ASSERT_EQ(thread.waitTo(3, 0), 0);
+        unsigned int result = 0;
+        EXPECT_TRUE(thread.getResult(&result));
+        EXPECT_EQ(result, command != nullptr ? 7u : ~0u);
+        EXPECT_TRUE(thread.leaveManagement());
+        EXPECT_FALSE(thread.leaveManagement());
+    }
 }
 
 void parkUntilOpen(void* gate) {
     static_cast<Gate*>(gate)->wait();
 }
 
-TEST(ThreadManagerTest, RegistryKnowsRunningAndEndedThreads) {
+// Starts a registered thread that waits for `gate`; its id, or 0.
+int park(Gate& gate, const char* name, int priority = ThreadPriority::IDLE) {
+    return ThreadManager::get()->entry(parkUntilOpen, &gate, 0, 0, nullptr, name,
+                                       ThreadPriority(priority), 0);
+}
+
+TEST(ThreadManagerTest, RegistryKnowsAndPrintsRunningAndEndedThreadsInIdOrder) {
     ThreadManager* manager = ThreadManager::get();
     EXPECT_EQ(manager->entry(nullptr, nullptr, 0, 0, nullptr, "x", ThreadPriority(), 0), 0);
     EXPECT_EQ(manager->entry(parkUntilOpen, nullptr, 0, 0, nullptr, nullptr, ThreadPriority(), 0),
               0);
-
     Gate gate;
     manager->enableRegistrationLog();
-    LogCapture log;
-    const int id = manager->entry(parkUntilOpen, &gate, 0, 0, nullptr, "parked",
-                                  ThreadPriority(ThreadPriority::BELOW_NORMAL), 0);
-    ASSERT_GT(id, 0);
-    EXPECT_TRUE(log.contains("Thread Start and Register ID:" + std::to_string(id) +
-                             ", PriOs:1, Name:parked"));
+    std::vector<int> ids;
+    {
+        LogCapture log;
+        ids = {park(gate, "first"), park(gate, "second", ThreadPriority::BELOW_NORMAL)};
+        EXPECT_TRUE(log.contains("Thread Start and Register ID:" + std::to_string(ids[1]) +
+                                 ", PriOs:1, Name:second"));
+    }
+    const int id = ids[0];
+    ASSERT_TRUE(id > 0 && ids[1] > 0);
     EXPECT_TRUE(manager->isThreadExist(id) && manager->isThreadActive(id) && manager->isActive(id));
-    EXPECT_STREQ(manager->getName(id), "parked");
-    EXPECT_STREQ(manager->findName(id).c_str(), "parked");
+    EXPECT_STREQ(manager->getName(id), "first");
+    EXPECT_STREQ(manager->findName(id).c_str(), "first");
     EXPECT_FALSE(manager->unregister(id)) << "a running thread stays registered";
     EXPECT_EQ(manager->waitToStop(id, 20), utl::Event::WAIT_TIMEOUT);
 
+    LogCapture log;
+    manager->printThreadInfoReg(3);
     gate.open();
-    EXPECT_EQ(manager->waitToStop(id, 0), 0);
+    for (int i : ids) {
+        EXPECT_EQ(manager->waitToStop(i, 0), 0);
+    }
+    manager->printThreadInfoReg(3);
     EXPECT_TRUE(manager->isThreadExist(id));
     EXPECT_FALSE(manager->isThreadActive(id) || manager->isActive(id));
-    EXPECT_TRUE(manager->unregister(id));
+    for (int i : ids) {
+        EXPECT_TRUE(manager->unregister(i));
+    }
     EXPECT_FALSE(manager->isThreadExist(id));
     EXPECT_FALSE(manager->unregister(id));
     EXPECT_EQ(manager->waitToStop(id, 0), -1);
     EXPECT_STREQ(manager->getName(id), "");
     EXPECT_STREQ(manager->findName(id).c_str(), "");
-}
-
-TEST(ThreadManagerTest, RegistryPrintListsThreadsInIdOrder) {
-    Gate gate;
-    std::vector<int> ids;
-    ThreadManager* manager = ThreadManager::get();
-    for (const char* name : {"first", "second"}) {
-        ids.push_back(manager->entry(parkUntilOpen, &gate, 0, 0, nullptr, name,
-                                     ThreadPriority(ThreadPriority::IDLE), 0));
-    }
-    LogCapture log;
-    manager->printThreadInfoReg(3);
-    gate.open();
-    for (int id : ids) {
-        manager->waitToStop(id, 0);
-    }
-    manager->printThreadInfoReg(3);
-    for (int id : ids) {
-        EXPECT_TRUE(manager->unregister(id));
-    }
 
     const std::vector<std::string> lines = log.lines();
-    const std::string header =
-        "ID        , Name                            , Status      , Pri.Os    , Pri.Label       ,";
     ASSERT_GE(lines.size(), 2u);
-    EXPECT_NE(lines[0].find(header), std::string::npos);
-    char expected[128];
-    std::vector<size_t> positions;
+    EXPECT_NE(lines[0].find("ID        , Name                            , Status      , "
+                            "Pri.Os    , Pri.Label       ,"),
+              std::string::npos);
+    // The line number of each thread's row, with ACTIVE in the first print, INACTIVE in the second.
+    std::vector<long> rows;
     for (const char* status : {"ACTIVE", "INACTIVE"}) {
         for (size_t i = 0; i < ids.size(); ++i) {
-            snprintf(expected, sizeof expected, "%10d, %-32s, %-12s, %10d, %-16s,", ids[i],
-                     i == 0 ? "first" : "second", status, 3, "IDLE");
-            size_t at = 0;
-            while (at < lines.size() && lines[at].find(expected) == std::string::npos) {
-                ++at;
-            }
-            EXPECT_LT(at, lines.size()) << expected;
-            positions.push_back(at);
+            char row[128];
+            snprintf(row, sizeof row, "%10d, %-32s, %-12s, %10d, %-16s,", ids[i],
+                     i == 0 ? "first" : "second", status, i == 0 ? 3 : 1,
+                     i == 0 ? "IDLE" : "BELOW_NORMAL");
+            const auto found = std::find_if(lines.begin(), lines.end(), [&](const std::string& l) {
+                return l.find(row) != std::string::npos;
+            });
+            EXPECT_NE(found, lines.end()) << row;
+            rows.push_back(found - lines.begin());
         }
     }
-    EXPECT_EQ(ids[0] < ids[1], positions[0] < positions[1]) << "rows in id order";
+    EXPECT_EQ(ids[0] < ids[1], rows[0] < rows[1]) << "rows in id order";
 }
 
-TEST(ThreadManagerTest, EntryMaximumCanBeChangedAboveTheRegisteredCount) {
+TEST(ThreadManagerTest, EntryMaximumCanBeChangedAndDestroyedManagerIsMadeAgain) {
     Gate gate;
     ThreadManager* manager = ThreadManager::get();
-    const int parked =
-        manager->entry(parkUntilOpen, &gate, 0, 0, nullptr, "p", ThreadPriority(), 0);
+    const int parked = park(gate, "p");
     ASSERT_GT(parked, 0);
     EXPECT_FALSE(ThreadManager::initializeEntryMax(0));
-    EXPECT_TRUE(ThreadManager::initializeEntryMax(1));
-    EXPECT_EQ(manager->entry(parkUntilOpen, &gate, 0, 0, nullptr, "q", ThreadPriority(), 0), 0);
+    EXPECT_TRUE(ThreadManager::initializeEntryMax(1)) << "not below the registered count";
+    EXPECT_EQ(park(gate, "q"), 0);
     gate.open();
     EXPECT_EQ(manager->waitToStop(parked, 0), 0);
     EXPECT_TRUE(manager->unregister(parked));
-    const int next = manager->entry(parkUntilOpen, &gate, 0, 0, nullptr, "q", ThreadPriority(), 0);
+    const int next = park(gate, "q");
     EXPECT_GT(next, 0) << "an unregistered thread frees its place";
     EXPECT_TRUE(ThreadManager::initializeEntryMax(ThreadManager::DEFAULT_ENTRY_MAX));
     EXPECT_EQ(manager->waitToStop(next, 0), 0);
     EXPECT_TRUE(manager->unregister(next));
-}
 
-TEST(ThreadManagerTest, DestroyedManagerIsMadeAgainOnDemand) {
-    ASSERT_NE(ThreadManager::get(), nullptr);
     ThreadManager::destroy();
     EXPECT_EQ(ThreadManager::getIfCreated(), nullptr);
-    Gate gate;
-    gate.open();
-    const int id = ThreadManager::get()->entry(parkUntilOpen, &gate, 0, 0, nullptr, "again",
-                                               ThreadPriority(), 0);
-    EXPECT_GT(id, 0);
-    EXPECT_EQ(ThreadManager::get()->waitToStop(id, 0), 0);
-    EXPECT_TRUE(ThreadManager::get()->unregister(id));
-}
-
-TEST(ThreadTest, FinishedThreadLeavesTheRegistryWithItsObject) {
-    int id = 0;
-    {
-        Worker worker;
-        ASSERT_EQ(worker.start(), 0);
-        id = worker.getId();
-        ASSERT_EQ(worker.stop(1, 0), 0);
-        EXPECT_TRUE(ThreadManager::get()->isThreadExist(id));
-    }
-    EXPECT_FALSE(ThreadManager::get()->isThreadExist(id));
-
-    Worker kept;
-    ASSERT_EQ(kept.start(), 0);
-    EXPECT_FALSE(kept.leaveManagement());
-    kept.release.open();
-    ASSERT_EQ(kept.waitTo(3, 0), 0);
-    EXPECT_TRUE(kept.leaveManagement());
-    EXPECT_FALSE(kept.leaveManagement());
+    const int again = park(gate, "again");
+    EXPECT_GT(again, 0);
+    EXPECT_EQ(ThreadManager::get()->waitToStop(again, 0), 0);
+    EXPECT_TRUE(ThreadManager::get()->unregister(again));
 }
 
 void noOp(int) {}

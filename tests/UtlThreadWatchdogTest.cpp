@@ -2,8 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "LogCapture.h"
@@ -16,30 +17,26 @@ using utl::ThreadManager;
 using utl::ThreadWatchdog;
 using utl::WatchdogInfo;
 
-// Records the timeouts it is told of, with the state of the thread in the snapshot.
+// Thread id and status in the table snapshot of each timeout told.
+using Timeouts = std::vector<std::pair<int, int>>;
+
 class TimeoutRecorder : public utl::WatchdogTimerListener {
   public:
     void onTime(int id, const utl::WatchdogInfoMap& table) override {
         const utl::WatchdogInfoMap::Entry* entry = table.find(id);
         std::lock_guard<std::mutex> guard(mMutex);
-        mIds.push_back(id);
-        mStatuses.push_back(entry != nullptr ? entry->mValue.mStatus : -1);
+        mTimeouts.emplace_back(id, entry != nullptr ? entry->mValue.mStatus : -1);
         timedOut.open();
     }
-    std::vector<int> ids() {
+    Timeouts timeouts() {
         std::lock_guard<std::mutex> guard(mMutex);
-        return mIds;
-    }
-    std::vector<int> statuses() {
-        std::lock_guard<std::mutex> guard(mMutex);
-        return mStatuses;
+        return mTimeouts;
     }
     Gate timedOut;
 
   private:
     std::mutex mMutex;
-    std::vector<int> mIds;
-    std::vector<int> mStatuses;
+    Timeouts mTimeouts;
 };
 
 int countLines(const LogCapture& log, const std::string& text) {
@@ -53,7 +50,15 @@ int countLines(const LogCapture& log, const std::string& text) {
 const StatementInfo kHere("test", "report", 1, 1);
 
 // Runs first in this program: nothing here has watched a thread yet.
-TEST(ThreadWatchdogTest, ManagerWatchdogStartsWithTheFirstWatchedThread) {
+TEST(ThreadWatchdogTest, WatchdogsWatchNothingBeforeInitializeAndTheManagersStartsOnDemand) {
+    ThreadWatchdog idle(2);  // keeps a table, but watches nothing before initialize
+    EXPECT_TRUE(idle.entry(1, 100, nullptr, "x"));
+    EXPECT_FALSE(idle.start(1));
+    EXPECT_FALSE(idle.stop(1));
+    EXPECT_FALSE(idle.setWatchInterval(10));
+    EXPECT_TRUE(idle.entry(2, 100, nullptr, "y"));
+    EXPECT_FALSE(idle.entry(3, 100, nullptr, "z")) << "the table is full";
+
     ThreadManager* manager = ThreadManager::get();
     ASSERT_NE(manager->getWatchdog(), nullptr);
     EXPECT_FALSE(manager->getWatchdog()->isInitialized());
@@ -84,15 +89,14 @@ TEST(ThreadWatchdogTest, HungListenerTimesOutOnceAndComesBackAlive) {
     ASSERT_EQ(thread.start(&listener, 1, 150, &recorder, 1, 0), 0);
     // Idle in its read for longer than its alive time: not a hang.
     utl::Thread::sleep(400);
-    EXPECT_TRUE(recorder.ids().empty());
+    EXPECT_TRUE(recorder.timeouts().empty());
 
     LogCapture log;
     ASSERT_TRUE(thread.postMsg(1));
     ASSERT_TRUE(recorder.timedOut.wait());
     ASSERT_TRUE(thread.sendMsgSync(2));
     const std::string id = std::to_string(thread.getId());
-    EXPECT_EQ(recorder.ids(), std::vector<int>{thread.getId()});
-    EXPECT_EQ(recorder.statuses(), std::vector<int>{WatchdogInfo::STATUS_TIMEOUT});
+    EXPECT_EQ(recorder.timeouts(), (Timeouts{{thread.getId(), WatchdogInfo::STATUS_TIMEOUT}}));
     EXPECT_EQ(countLines(log, "<UTIL> ERR: !!!!!!!! ThreadWatchdog Timeout ID:" + id +
                                   " Name:hangs !!!!!!!!"),
               1);
@@ -111,34 +115,23 @@ class OwnWatchdogTest : public ::testing::Test {
     const int self = ThreadManager::getCallerId();
 };
 
-TEST_F(OwnWatchdogTest, RefusesWhatCannotBeWatched) {
+TEST_F(OwnWatchdogTest, SilentThreadTimesOutOnceUntilItReports) {
     EXPECT_FALSE(watchdog.initialize(10)) << "once only";
     LogCapture log;
     EXPECT_FALSE(watchdog.entry(self, 0, &recorder, "zero"));
     EXPECT_TRUE(log.contains(
         "<UTIL> ERR: ThreadWatchdog Register AliveTime is 0 ID:" + std::to_string(self) + " "));
     EXPECT_FALSE(watchdog.isRegistered(self));
-    ASSERT_TRUE(watchdog.entry(self, 100, &recorder, "me"));
+    ASSERT_TRUE(watchdog.entry(self, 30, &recorder, "silent"));
     EXPECT_FALSE(watchdog.setAliveTime(self, 0));
     EXPECT_FALSE(watchdog.setAliveTime(self + 100000, 10)) << "not registered";
-
-    ThreadWatchdog idle(2);
-    EXPECT_TRUE(idle.entry(1, 100, nullptr, "x")) << "the table works before initialize";
-    EXPECT_FALSE(idle.start(1));
-    EXPECT_FALSE(idle.stop(1));
-    EXPECT_FALSE(idle.setWatchInterval(10));
-    EXPECT_TRUE(idle.entry(2, 100, nullptr, "y"));
-    EXPECT_FALSE(idle.entry(3, 100, nullptr, "z"));
-}
-
-TEST_F(OwnWatchdogTest, SilentThreadTimesOutOnceUntilItReports) {
-    ASSERT_TRUE(watchdog.entry(self, 30, &recorder, "silent"));
-    EXPECT_TRUE(recorder.ids().empty()) << "a thread that never reported is not judged";
-    LogCapture log;
+    EXPECT_TRUE(recorder.timeouts().empty()) << "a thread that never reported is not judged";
     ASSERT_TRUE(watchdog.keepAlive(kHere));
+    ASSERT_TRUE(watchdog.start(self)) << "already watching: the last report still counts";
     ASSERT_TRUE(recorder.timedOut.wait());
     utl::Thread::sleep(100);  // passes that must not time it out again
-    EXPECT_EQ(recorder.ids(), std::vector<int>{self});
+    const Timeouts once{{self, WatchdogInfo::STATUS_TIMEOUT}};
+    EXPECT_EQ(recorder.timeouts(), once);
     ASSERT_TRUE(watchdog.keepAlive(kHere));
     EXPECT_TRUE(
         log.contains("ThreadWatchdog Timeout->Alive ID:" + std::to_string(self) + " Name:silent"));
@@ -147,21 +140,13 @@ TEST_F(OwnWatchdogTest, SilentThreadTimesOutOnceUntilItReports) {
     EXPECT_FALSE(watchdog.isWatching(self));
     EXPECT_FALSE(watchdog.keepAlive(kHere)) << "a stopped entry ignores reports";
     utl::Thread::sleep(100);
-    EXPECT_EQ(recorder.ids().size(), 1u) << "a stopped entry never times out";
+    EXPECT_EQ(recorder.timeouts(), once) << "a stopped entry never times out";
     ASSERT_TRUE(watchdog.setAliveTime(self, 5000));
     ASSERT_TRUE(watchdog.start(self)) << "the clock restarts from the start";
     utl::Thread::sleep(100);
-    EXPECT_EQ(recorder.ids().size(), 1u);
+    EXPECT_EQ(recorder.timeouts(), once);
     EXPECT_TRUE(watchdog.unregister(self));
     EXPECT_FALSE(watchdog.isRegistered(self));
-}
-
-TEST_F(OwnWatchdogTest, StartKeepsAClockThatRuns) {
-    ASSERT_TRUE(watchdog.entry(self, 60, &recorder, "clock"));
-    ASSERT_TRUE(watchdog.keepAlive(kHere));
-    ASSERT_TRUE(watchdog.start(self)) << "already watching: the last report still counts";
-    ASSERT_TRUE(recorder.timedOut.wait());
-    EXPECT_EQ(recorder.ids(), std::vector<int>{self});
 }
 
 TEST_F(OwnWatchdogTest, DefaultListenerAndPrintShowTheTable) {
@@ -172,24 +157,23 @@ TEST_F(OwnWatchdogTest, DefaultListenerAndPrintShowTheTable) {
     ASSERT_TRUE(watchdog.entry(self + 1000000, 100, nullptr, "never"));
     const auto row = [](int id, const std::string& name, unsigned int aliveTime,
                         const char* watching, const char* alive, unsigned int count,
-                        const StatementInfo& last) {
+                        const char* last) {
         char text[256];
-        snprintf(text, sizeof text, "%10d, %-32s, %10u, %-12s, %-12s, %13u, (%s, %s:%u:%u)", id,
-                 name.c_str(), aliveTime, watching, alive, count, last.getFile(),
-                 last.getFunction(), last.getLine(), last.getSub());
+        snprintf(text, sizeof text, "%10d, %-32s, %10u, %-12s, %-12s, %13u, %s", id, name.c_str(),
+                 aliveTime, watching, alive, count, last);
         return std::string(text);
     };
-    const StatementInfo report("file.cpp", "work", 77, 2);
+    const char* const kReported = "(file.cpp, work:77:2)";
     LogCapture log;
-    ASSERT_TRUE(watchdog.keepAlive(report));
+    ASSERT_TRUE(watchdog.keepAlive(StatementInfo("file.cpp", "work", 77, 2)));
     // The default listener logs the table when the thread times out.
     EXPECT_TRUE(waitUntil(
-        [&] { return log.contains(row(self, printed, 40, "WATCHING", "TIMEOUT", 1, report)); }));
+        [&] { return log.contains(row(self, printed, 40, "WATCHING", "TIMEOUT", 1, kReported)); }));
     watchdog.stop(self);
     watchdog.printWatchdogInfo(3);
-    EXPECT_TRUE(log.contains(row(self, printed, 40, "NOT_WATCHING", "TIMEOUT", 1, report)));
+    EXPECT_TRUE(log.contains(row(self, printed, 40, "NOT_WATCHING", "TIMEOUT", 1, kReported)));
     EXPECT_TRUE(
-        log.contains(row(self + 1000000, "never", 100, "WATCHING", "UNKNOWN", 0, StatementInfo())));
+        log.contains(row(self + 1000000, "never", 100, "WATCHING", "UNKNOWN", 0, "(, :0:0)")));
     EXPECT_TRUE(log.contains("ThreadWatchdog:: Watchdog info of threads in this process."));
     EXPECT_TRUE(log.contains(
         "ID        , Name                            , AliveTime , WatchStatus , AliveStatus , "
