@@ -35,10 +35,6 @@ std::string fields(const Time& t) {
     return text;
 }
 
-bool isLeap(int year) {
-    return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
-}
-
 Time fromTm(const tm& broken) {
     return Time(static_cast<uint16_t>(broken.tm_year + 1900),
                 static_cast<uint16_t>(broken.tm_mon + 1), static_cast<uint16_t>(broken.tm_mday),
@@ -48,7 +44,8 @@ Time fromTm(const tm& broken) {
 
 int daysInMonth(int year, int month) {
     static const int kDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-    return month == 2 && isLeap(year) ? 29 : kDays[month - 1];
+    const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+    return month == 2 && leap ? 29 : kDays[month - 1];
 }
 
 TEST(TimepieceTest, InvalidFieldsGiveTheMarkerAndALeapSecondIsFolded) {
@@ -148,28 +145,26 @@ TEST(TimepieceTest, HttpDateOmitsTheDayNameBeforeTheReformAndNeedsRoom) {
     EXPECT_FALSE(Time(2000, 1, 1, 0, 0, 0).getHttpDate(nullptr, 30));
 }
 
-// strftime of a hand-made struct tm in the C locale (the test never calls setlocale), the
-// weekday counted along from 1600-01-01, a Saturday.
+// strftime of a hand-made struct tm in the C locale (the test never calls setlocale).
 TEST(TimepieceTest, HttpDateMatchesStrftimeOnEveryDayFrom1600To2400) {
     tm date = {};
-    date.tm_year = 1600 - 1900;
-    date.tm_mday = 1;
-    date.tm_wday = 6;
-    for (; date.tm_year <= 2400 - 1900; date.tm_wday = (date.tm_wday + 1) % 7) {
-        for (const int hms : {0, 123456, 235959}) {
-            date.tm_hour = hms / 10000;
-            date.tm_min = hms / 100 % 100;
-            date.tm_sec = hms % 100;
-            char expected[64], text[64];
-            ASSERT_NE(strftime(expected, sizeof expected, "%a, %d %b %Y %H:%M:%S GMT", &date), 0u);
-            ASSERT_TRUE(fromTm(date).getHttpDate(text, sizeof text)) << expected;
-            ASSERT_STREQ(text, expected);
-        }
-        if (++date.tm_mday > daysInMonth(date.tm_year + 1900, date.tm_mon + 1)) {
-            date.tm_mday = 1;
-            if (++date.tm_mon == 12) {
-                date.tm_mon = 0;
-                ++date.tm_year;
+    date.tm_wday = 5;  // the day before 1600-01-01, a Saturday
+    for (date.tm_year = 1600 - 1900; date.tm_year <= 2400 - 1900; ++date.tm_year) {
+        for (date.tm_mon = 0; date.tm_mon < 12; ++date.tm_mon) {
+            const int days = daysInMonth(date.tm_year + 1900, date.tm_mon + 1);
+            for (date.tm_mday = 1; date.tm_mday <= days; ++date.tm_mday) {
+                date.tm_wday = (date.tm_wday + 1) % 7;
+                for (const int hms : {0, 123456, 235959}) {
+                    date.tm_hour = hms / 10000;
+                    date.tm_min = hms / 100 % 100;
+                    date.tm_sec = hms % 100;
+                    char expected[64], text[64];
+                    ASSERT_NE(
+                        strftime(expected, sizeof expected, "%a, %d %b %Y %H:%M:%S GMT", &date),
+                        0u);
+                    ASSERT_TRUE(fromTm(date).getHttpDate(text, sizeof text)) << expected;
+                    ASSERT_STREQ(text, expected);
+                }
             }
         }
     }
@@ -207,26 +202,11 @@ TEST(TimepieceTest, HttpDateReadsTheThreeFormsAndTheTokenQuirks) {
 }
 
 #ifdef UTL_TEST_HAVE_CURL
-// Seconds since 1970 of a parsed time, counted along the calendar in 64 bits.
-int64_t epochSeconds(const Time& t) {
-    int64_t days = t.day() - 1;
-    for (int year = 1970; year < t.year(); ++year) {
-        days += isLeap(year) ? 366 : 365;
-    }
-    for (int month = 1; month < t.month(); ++month) {
-        days += daysInMonth(t.year(), month);
-    }
-    return ((days * 24 + t.hour()) * 60 + t.minute()) * 60 + t.second();
-}
-
-// Generated texts stay where both parsers mean the same: years 1970-2037 (curl's two-digit year
-// 70 is 2070, so RFC 850 texts avoid 1970), three-letter month names (curl refuses longer
-// ones), real day names (curl refuses unknown words) and the zone GMT or none (curl applies
-// others).
+// Texts where both parsers mean the same: years 1970-2037 (curl reads the two-digit 70 as 2070),
+// three-letter month names, real day names (curl refuses others) and the zone GMT or none.
 std::string generatedDate(std::mt19937& rng) {
-    static const char* const kDays[] = {"Sun",       "Mon",      "Tue",    "Wed",     "Thu",
-                                        "Fri",       "Sat",      "Sunday", "Monday",  "Tuesday",
-                                        "Wednesday", "Thursday", "Friday", "Saturday"};
+    static const char* const kDays[] = {"Sunday",   "Monday", "Tuesday", "Wednesday",
+                                        "Thursday", "Friday", "Saturday"};
     static const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                           "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
     const auto pick = [&rng](int low, int high) {
@@ -238,18 +218,18 @@ std::string generatedDate(std::mt19937& rng) {
     for (char& c : name) {
         c = static_cast<char>(pick(0, 1) != 0 ? c | 0x20 : c & ~0x20);
     }
-    const char* dayName = kDays[pick(0, 13)];
+    const std::string dayName = std::string(kDays[pick(0, 6)]).substr(0, pick(0, 1) ? 3 : 9);
     const int s = pick(0, 59);
     char text[64];
     if (form == 0) {
-        snprintf(text, sizeof text, "%s, %02d %s %04d %02d:%02d:%02d GMT", dayName, day,
+        snprintf(text, sizeof text, "%s, %02d %s %04d %02d:%02d:%02d GMT", dayName.c_str(), day,
                  name.c_str(), year, h, m, s);
     } else if (form == 1) {
-        snprintf(text, sizeof text, "%s, %02d-%s-%02d %02d:%02d:%02d GMT", dayName, day,
+        snprintf(text, sizeof text, "%s, %02d-%s-%02d %02d:%02d:%02d GMT", dayName.c_str(), day,
                  name.c_str(), year % 100, h, m, s);
     } else {
-        snprintf(text, sizeof text, "%s %s %2d %02d:%02d:%02d %04d", dayName, name.c_str(), day, h,
-                 m, s, year);
+        snprintf(text, sizeof text, "%s %s %2d %02d:%02d:%02d %04d", dayName.c_str(), name.c_str(),
+                 day, h, m, s, year);
     }
     std::string spaced;  // each space one to three
     for (const char* c = text; *c != '\0'; ++c) {
@@ -275,52 +255,44 @@ TEST(TimepieceTest, HttpDateAgreesWithCurlGetdate) {
         ASSERT_TRUE(t.setHttpDate(text.c_str()));
         const time_t curl = curl_getdate(text.c_str(), nullptr);
         ASSERT_NE(curl, -1);
-        EXPECT_EQ(epochSeconds(t), static_cast<int64_t>(curl));
+        EXPECT_EQ(t.getElapsedSeconds(Time(1970, 1, 1, 0, 0, 0)), static_cast<uint32_t>(curl));
     }
 #endif
 }
 
-// `clock` read between two readings of time() broken down by `breakDown`.
-void expectClockBetween(bool (*clock)(Time*), tm* (*breakDown)(const time_t*, tm*)) {
+// `clock` read between two readings of time() broken down by `breakDown`; the watchdog keeps the
+// report after the break-down call.
+void expectClockBetween(bool (*clock)(Time*), tm* (*breakDown)(const time_t*, tm*),
+                        const char* report) {
     tm before = {}, after = {};
     const time_t start = time(nullptr);
     Time t;
     ASSERT_TRUE(clock(&t));
     const time_t end = time(nullptr);
+    LogCapture log;
+    utl::ThreadManager::get()->printWatchdogInfo(3);
+    EXPECT_TRUE(log.contains(report)) << report;
     ASSERT_TRUE(breakDown(&start, &before) != nullptr && breakDown(&end, &after) != nullptr);
     EXPECT_TRUE(fromTm(before) <= t && t <= fromTm(after)) << fields(t);
     EXPECT_FALSE(clock(nullptr));
 }
 
-TEST(TimepieceTest, SystemTimeIsUtcAndLocalTimeFollowsTheZone) {
+TEST(TimepieceTest, SystemTimeIsUtcLocalTimeFollowsTheZoneAndBothReport) {
+    utl::ThreadManager* manager = utl::ThreadManager::get();
+    const int self = static_cast<int>(syscall(SYS_gettid));
+    ASSERT_TRUE(manager->entryWatchdog(self, 60000, nullptr, "timepiece"));
     // Nine hours east of UTC without daylight saving, so that the two clocks differ.
     const char* savedZone = getenv("TZ");
     const std::string saved = savedZone != nullptr ? savedZone : "";
     setenv("TZ", "JST-9", 1);
     tzset();
-    expectClockBetween(utl::getSystemTime, gmtime_r);
-    expectClockBetween(utl::getLocalTime, localtime_r);
+    expectClockBetween(utl::getSystemTime, gmtime_r, "(source/UtlTimepiece, getSystemTime:110:2)");
+    expectClockBetween(utl::getLocalTime, localtime_r, "(source/UtlTimepiece, getLocalTime:210:2)");
     Time utc, local;
     ASSERT_TRUE(utl::getSystemTime(&utc) && utl::getLocalTime(&local));
     EXPECT_NEAR(local.getElapsedSeconds(utc), 9 * 3600.0, 2.0);
     savedZone != nullptr ? setenv("TZ", saved.c_str(), 1) : unsetenv("TZ");
     tzset();
-}
-
-// The watchdog keeps the last report of a thread: the one after the break-down call.
-TEST(TimepieceTest, ClockReadsReportToTheWatchdog) {
-    utl::ThreadManager* manager = utl::ThreadManager::get();
-    const int self = static_cast<int>(syscall(SYS_gettid));
-    ASSERT_TRUE(manager->entryWatchdog(self, 60000, nullptr, "timepiece"));
-    Time t;
-    for (const auto& [clock, report] :
-         {std::make_pair(utl::getSystemTime, "(source/UtlTimepiece, getSystemTime:110:2)"),
-          std::make_pair(utl::getLocalTime, "(source/UtlTimepiece, getLocalTime:210:2)")}) {
-        ASSERT_TRUE(clock(&t));
-        LogCapture log;
-        manager->printWatchdogInfo(3);
-        EXPECT_TRUE(log.contains(report)) << report;
-    }
     manager->unregisterWatchdog(self);
 }
 
